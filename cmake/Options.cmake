@@ -1,0 +1,23 @@
+# Compiler settings shared by every target.
+
+add_compile_options(-Wall -Wextra -Werror -Wformat=2)
+# Log lines carry the source path relative to the tree, never the build machine's.
+add_compile_options(-fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=../)
+
+if(QWD_FUZZ)
+  # Coverage for every library the fuzz targets link.
+  add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize=vptr)
+  add_link_options(-fsanitize=address,undefined)
+endif()
+
+if(QWD_SANITIZE)
+  add_compile_options(-fsanitize=address,undefined -fno-sanitize=vptr
+                      -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+endif()
+
+# Product code: no exceptions, no RTTI, as on the router build.
+function(qwd_product_target target)
+  target_compile_options(${target} PRIVATE -fno-exceptions -fno-rtti)
+  target_include_directories(${target} PUBLIC ${CMAKE_SOURCE_DIR})
+endfunction()

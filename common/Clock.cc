@@ -1,0 +1,30 @@
+#include "common/Clock.h"
+
+#include <atomic>
+#include <cerrno>
+
+namespace {
+
+class RealClock final : public Clock {
+ public:
+  int GetTime(clockid_t clockId, timespec* out) override { return clock_gettime(clockId, out); }
+
+  void SleepMsec(uint32_t msec) override {
+    timespec left{static_cast<time_t>(msec / 1000u), static_cast<long>(msec % 1000u) * 1000000L};
+    // Signals (SIGTERM, SIGCHLD) must not cut a policy delay short by accident.
+    while (nanosleep(&left, &left) != 0 && errno == EINTR) {
+    }
+  }
+};
+
+RealClock g_realClock;
+std::atomic<Clock*> g_clock{&g_realClock};
+
+}  // namespace
+
+Clock& GetClock() { return *g_clock.load(std::memory_order_acquire); }
+
+Clock* InstallClock(Clock* clock) {
+  Clock* previous = g_clock.exchange(clock != nullptr ? clock : &g_realClock);
+  return previous;
+}

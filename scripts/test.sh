@@ -1,0 +1,49 @@
+#!/usr/bin/env bash
+# Installs what is missing (apt-get, when root), builds everything and runs
+# every test twice: plain, and under AddressSanitizer + UndefinedBehaviorSanitizer.
+# When clang is there, the fuzz targets are built and run for a short while.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+packages=(cmake ninja-build g++ libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev util-linux)
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "ok installed" || missing+=("$p")
+done
+if [ ${#missing[@]} -gt 0 ]; then
+  if [ "$(id -u)" = 0 ]; then
+    export DEBIAN_FRONTEND=noninteractive
+    apt-get update -qq
+    apt-get install -y -qq --no-install-recommends "${missing[@]}"
+  else
+    echo "Missing packages (run as root to install): ${missing[*]}" >&2
+  fi
+fi
+
+jobs=$(nproc)
+
+run_suite() {  # name, extra cmake arguments...
+  local name=$1; shift
+  cmake -S . -B "build/$name" -G Ninja "$@" >/dev/null
+  cmake --build "build/$name" -j "$jobs"
+  (cd "build/$name" && ctest --output-on-failure -j "$jobs")
+}
+
+run_suite plain -DCMAKE_BUILD_TYPE=RelWithDebInfo
+ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+  run_suite sanitized -DCMAKE_BUILD_TYPE=Debug -DQWD_SANITIZE=ON -DQWD_BUILD_BENCH=OFF
+
+if command -v clang++ >/dev/null; then
+  CXX=clang++ cmake -S . -B build/fuzz -G Ninja -DQWD_FUZZ=ON -DQWD_BUILD_TESTS=OFF \
+    -DQWD_BUILD_BENCH=OFF -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+  cmake --build build/fuzz -j "$jobs"
+  for target in build/fuzz/fuzz/*_fuzz; do
+    [ -x "$target" ] || continue
+    name=$(basename "$target")
+    corpus=$(mktemp -d)
+    cp -r "fuzz/corpus/$name/." "$corpus/" 2>/dev/null || true
+    echo "== fuzzing $name for ${QWD_FUZZ_SECONDS:-20} s"
+    "$target" -max_total_time="${QWD_FUZZ_SECONDS:-20}" -print_final_stats=1 "$corpus" 2>&1 | tail -n 12
+    rm -rf "$corpus"
+  done
+fi

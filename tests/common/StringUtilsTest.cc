@@ -1,0 +1,5 @@
+#include "common/StringUtils.h"
+
+#include <gtest/gtest.h>
+
+TEST(X, Y) {}
