@@ -55,8 +55,8 @@ StatusCode WriteIntToFile(int32_t value, const char* path) {
   return WriteStringToFile(text, path);
 }
 
-StatusCode CopyFile(const char* source, const char* destination, mode_t mode,
-                    bool keepSourceMode, bool removeDestFirst) {
+StatusCode CopyFile(const char* source, const char* destination, mode_t mode, bool keepSourceMode,
+                    bool removeDestFirst) {
   const int src = open(source, O_RDONLY | O_CLOEXEC);
   if (src < 0) {
     std::printf("Can't open src");

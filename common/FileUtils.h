@@ -31,8 +31,8 @@ StatusCode WriteIntToFile(int32_t value, const char* path);
 
 // Copies source over destination with one sendfile. The destination is not
 // truncated: a longer existing file keeps its tail unless removeDestFirst.
-StatusCode CopyFile(const char* source, const char* destination, mode_t mode,
-                    bool keepSourceMode, bool removeDestFirst);
+StatusCode CopyFile(const char* source, const char* destination, mode_t mode, bool keepSourceMode,
+                    bool removeDestFirst);
 
 // text strictly longer than suffix and ending with it (lengths up to 128).
 bool StrEndsWith(const char* text, const char* suffix);

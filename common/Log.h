@@ -60,8 +60,8 @@ bool ShouldLogComponent(uint32_t component, LoggerLevel level);
 
 // Argument checks only log and carry on; `text` is the condition as the log
 // shows it. Evaluates to the condition so callers can still branch on it.
-#define QWD_ASSERT(component, condition, text)                                        \
-  ((condition) ? true                                                                 \
-               : (PrintLogLine((component), __func__, LoggerLevel::ERROR, __FILE__,     \
-                               __LINE__, "ASSERT FAILED: %s \n", text),                \
+#define QWD_ASSERT(component, condition, text)                                                \
+  ((condition) ? true                                                                         \
+               : (PrintLogLine((component), __func__, LoggerLevel::ERROR, __FILE__, __LINE__, \
+                               "ASSERT FAILED: %s \n", text),                                 \
                   false))

@@ -31,8 +31,8 @@ StatusCode GetRunningFromPath(char* buffer, size_t size) {
   if (static_cast<size_t>(len) < size) buffer[len] = '\0';
   // dirname() may rewrite its argument in place, so work on a terminated copy.
   char path[512] = {};
-  const size_t copied = static_cast<size_t>(len) < sizeof(path) ? static_cast<size_t>(len)
-                                                                 : sizeof(path) - 1;
+  const size_t copied =
+      static_cast<size_t>(len) < sizeof(path) ? static_cast<size_t>(len) : sizeof(path) - 1;
   std::memcpy(path, buffer, copied);
   const char* dir = dirname(path);
   std::strncpy(buffer, dir, size);

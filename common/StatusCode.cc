@@ -3,12 +3,30 @@
 namespace {
 
 constexpr const char* kStatusCodeNames[] = {
-    "SUCCESS",       "PENDING",          "DUPLICATE",        "FAILURE",
-    "BUSY",          "INVALID_CONF",     "RESOLVE_IP",       "OUT_OF_MEMORY",
-    "TIMEOUT",       "NOT_SUPPORTED",    "INVALID_PARAM",    "NOT_FOUND",
-    "EXISTS",        "SYSTEM_CMD",       "FILTER_EXISTS",    "FILTER_FULL",
-    "FILTER_NOT_FOUND", "NOT_INITIALIZED", "IRRELEVANT",     "INVALID_SIGNATURE",
-    "INVALID_CERTIFICATE", "NOT_IMPLEMENTED", "PROTO_DECODING_FAILED", "NUM_OF",
+    "SUCCESS",
+    "PENDING",
+    "DUPLICATE",
+    "FAILURE",
+    "BUSY",
+    "INVALID_CONF",
+    "RESOLVE_IP",
+    "OUT_OF_MEMORY",
+    "TIMEOUT",
+    "NOT_SUPPORTED",
+    "INVALID_PARAM",
+    "NOT_FOUND",
+    "EXISTS",
+    "SYSTEM_CMD",
+    "FILTER_EXISTS",
+    "FILTER_FULL",
+    "FILTER_NOT_FOUND",
+    "NOT_INITIALIZED",
+    "IRRELEVANT",
+    "INVALID_SIGNATURE",
+    "INVALID_CERTIFICATE",
+    "NOT_IMPLEMENTED",
+    "PROTO_DECODING_FAILED",
+    "NUM_OF",
 };
 
 }  // namespace

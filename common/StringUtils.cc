@@ -1,11 +1,11 @@
 #include "common/StringUtils.h"
 
+#include <strings.h>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <new>
-#include <strings.h>
 
 #include "common/Log.h"
 
@@ -39,8 +39,7 @@ int32_t BoundedCopy(char* dst, size_t dstSize, const char* src, size_t srcLen, C
 }
 
 bool CheckCopyArgs(const char* dst, const char* src) {
-  return QWD_ASSERT(kComponent, dst != nullptr && src != nullptr,
-                    "dest != NULL && src != NULL");
+  return QWD_ASSERT(kComponent, dst != nullptr && src != nullptr, "dest != NULL && src != NULL");
 }
 
 }  // namespace
@@ -148,12 +147,24 @@ bool EscapeJsonString(const char* src, char* dst, size_t dstSize) {
     if (c < 0x20) {
       int written;
       switch (c) {
-        case '\b': written = std::snprintf(dst + pos, dstSize - pos, "\\\\b"); break;
-        case '\t': written = std::snprintf(dst + pos, dstSize - pos, "\\\\t"); break;
-        case '\n': written = std::snprintf(dst + pos, dstSize - pos, "\\\\n"); break;
-        case '\f': written = std::snprintf(dst + pos, dstSize - pos, "\\\\f"); break;
-        case '\r': written = std::snprintf(dst + pos, dstSize - pos, "\\\\r"); break;
-        default: written = std::snprintf(dst + pos, dstSize - pos, "\\\\u%04x", c); break;
+        case '\b':
+          written = std::snprintf(dst + pos, dstSize - pos, "\\\\b");
+          break;
+        case '\t':
+          written = std::snprintf(dst + pos, dstSize - pos, "\\\\t");
+          break;
+        case '\n':
+          written = std::snprintf(dst + pos, dstSize - pos, "\\\\n");
+          break;
+        case '\f':
+          written = std::snprintf(dst + pos, dstSize - pos, "\\\\f");
+          break;
+        case '\r':
+          written = std::snprintf(dst + pos, dstSize - pos, "\\\\r");
+          break;
+        default:
+          written = std::snprintf(dst + pos, dstSize - pos, "\\\\u%04x", c);
+          break;
       }
       if (written < 0 || pos + static_cast<size_t>(written) >= dstSize) {
         dst[pos] = '\0';  // drop the partial escape
@@ -200,10 +211,9 @@ struct Row {
 };
 
 constexpr Row kRows[NUM_OF] = {
-    {"AgentLogger", 5, 100000},        {"KernelLogger", 3, 100000},
-    {"SystemLogger", 2, 25000},        {"NgetLogger", 1, 50000},
-    {"WatchdogLogger", 2, 25000},      {"WatchdogStackTrace", 1, 50000},
-    {"AgentStackTrace", 1, 50000},     {"SystemStackTrace", 1, 50000},
+    {"AgentLogger", 5, 100000},    {"KernelLogger", 3, 100000},    {"SystemLogger", 2, 25000},
+    {"NgetLogger", 1, 50000},      {"WatchdogLogger", 2, 25000},   {"WatchdogStackTrace", 1, 50000},
+    {"AgentStackTrace", 1, 50000}, {"SystemStackTrace", 1, 50000},
 };
 
 }  // namespace

@@ -45,8 +45,8 @@ ScaledClock::~ScaledClock() { InstallClock(previous_); }
 
 int ScaledClock::GetTime(clockid_t clockId, timespec* out) {
   if (clockId != CLOCK_MONOTONIC) return clock_gettime(clockId, out);
-  const int64_t startNsec = static_cast<int64_t>(realStart_.tv_sec) * 1000000000LL +
-                            realStart_.tv_nsec;
+  const int64_t startNsec =
+      static_cast<int64_t>(realStart_.tv_sec) * 1000000000LL + realStart_.tv_nsec;
   const int64_t scaledNsec = (RealMonoNsec() - startNsec) * factor_;
   // Start well away from zero so "0 means never" fields are never hit by chance.
   const int64_t nsec = 1000000000000LL + scaledNsec;

@@ -31,11 +31,11 @@ class DirReader {
   bool DirReaderCtor(const char* path);
   void ClearEntry();
 
-  DIR* dir_ = nullptr;                         // open directory handle
-  std::array<char, kMaxName> entryName_{};     // current entry's name
-  std::array<char, kMaxName> dirPath_{};       // the directory itself
-  std::array<char, kMaxName> entryFullPath_{}; // directory, "/" and name
-  EntryType entryType_ = kNone;                // current entry's type
+  DIR* dir_ = nullptr;                          // open directory handle
+  std::array<char, kMaxName> entryName_{};      // current entry's name
+  std::array<char, kMaxName> dirPath_{};        // the directory itself
+  std::array<char, kMaxName> entryFullPath_{};  // directory, "/" and name
+  EntryType entryType_ = kNone;                 // current entry's type
 };
 
 std::unique_ptr<DirReader> CreateDirReader(const char* path);

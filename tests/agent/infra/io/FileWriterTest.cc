@@ -1,0 +1,68 @@
+#include "agent/src/infra/io/FileWriter.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+#include <string>
+
+#include "tests/support/LogCapture.h"
+#include "tests/support/TempDir.h"
+
+namespace {
+class FileWriterTest : public ::testing::Test {
+ protected:
+  TempDir dir_;
+  LogCapture log_;
+};
+
+TEST_F(FileWriterTest, EachWriteStringReplacesTheContent) {
+  const std::string path = dir_.Write("f", "previous content");
+  auto writer = CreateFileWriter(path.c_str(), 32);
+  EXPECT_EQ(3u, writer->WriteString("abc"));
+  EXPECT_EQ(1u, writer->WriteString("d"));
+  EXPECT_EQ("d", ReadWholeFile(path));
+}
+
+TEST_F(FileWriterTest, ModesKeepFlushOrClose) {
+  const std::string path = dir_.File("f");
+  auto writer = CreateFileWriter(path.c_str(), 32);
+  writer->Write("one", 3, FileWriter::kWriteKeepOpen);
+  writer->Write("two", 3, FileWriter::kWriteAndFlush);
+  EXPECT_EQ("onetwo", ReadWholeFile(path)) << "mode 2 flushed both";
+  writer->Write("3", 1, FileWriter::kWriteAndClose);
+  EXPECT_EQ("onetwo3", ReadWholeFile(path));
+  writer->Write("x", 1, FileWriter::kWriteAndClose);
+  EXPECT_EQ("x", ReadWholeFile(path)) << "a write after a close truncates again";
+}
+
+TEST_F(FileWriterTest, SeekRewritesInPlace) {
+  const std::string path = dir_.File("f");
+  auto writer = CreateFileWriter(path.c_str(), 32);
+  writer->Write("header-tail", 11, FileWriter::kWriteKeepOpen);
+  EXPECT_EQ(0, writer->Seek(0));
+  writer->Write("HEADER", 6, FileWriter::kWriteKeepOpen);
+  EXPECT_EQ(0, writer->Seek(-1));
+  writer->Write("!", 1, FileWriter::kWriteAndClose);
+  EXPECT_EQ("HEADER-tail!", ReadWholeFile(path));
+  EXPECT_EQ(-1, writer->Seek(-3));
+}
+
+TEST_F(FileWriterTest, UnopenablePathFailsEveryOperation) {
+  const std::string path = dir_.File("no/dir/f");
+  auto writer = CreateFileWriter(path.c_str(), 32);
+  ASSERT_NE(nullptr, writer);
+  EXPECT_EQ(0u, writer->Write("x", 1, FileWriter::kWriteAndFlush));
+  EXPECT_EQ(-1, writer->Seek(0));
+  EXPECT_TRUE(writer->FileWriterFlush()) << "nothing open: all streams flushed";
+  EXPECT_TRUE(log_.Contains("Failed opening file '" + path + "', errno No such file"));
+  EXPECT_TRUE(log_.Contains("', errno No such file or directory. Cannot seek file\n"));
+}
+
+TEST_F(FileWriterTest, FlushFailureIsReported) {
+  if (access("/dev/full", W_OK) != 0) GTEST_SKIP() << "no /dev/full";
+  auto writer = CreateFileWriter("/dev/full", 32);
+  writer->Write("x", 1, FileWriter::kWriteKeepOpen);
+  EXPECT_FALSE(writer->FileWriterFlush());
+  EXPECT_TRUE(log_.Contains("Failed flushing '/dev/full', errno No space left on device(28)\n"));
+}
+
+}  // namespace

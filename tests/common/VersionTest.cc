@@ -1,0 +1,71 @@
+#include "common/version.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "tests/support/LogCapture.h"
+
+namespace {
+
+TEST(VersionTest, FullVersionAndPrefix) {
+  char version[32];
+  EXPECT_STREQ("40.5.21.71902", GetQuillmorVersionStr(version, sizeof(version), false));
+  EXPECT_STREQ("3.0.0", GetSemVerStr(version, sizeof(version), 3, 0, 0, false));
+  EXPECT_STREQ("40.5", GetSemVerStr(version, 5, 40, 5, 21, true)) << "cut silently";
+  char prefix[128];
+  EXPECT_STREQ("Quillmor_40.5.21.71902_WatchdogLogger",
+               PrepareLogFilePrefix(prefix, sizeof(prefix), "WatchdogLogger"));
+}
+
+class LogFileNameTest : public ::testing::Test {
+ protected:
+  const char* Parse(const char* name) {
+    return ExtractPrefixDataFromLogFileName(name, version_, sizeof(version_), entity_,
+                                            sizeof(entity_));
+  }
+  char version_[32] = {};
+  char entity_[32] = {};
+  LogCapture log_;
+};
+
+TEST_F(LogFileNameTest, AcceptsOwnNamesAndPointsAtTheNumber) {
+  const char* name = "Quillmor_40.5.21.71902_WatchdogLogger_3";
+  EXPECT_EQ(name + 38, Parse(name));
+  EXPECT_STREQ("3", Parse(name));
+  EXPECT_STREQ("40.5.21.71902", version_);
+  EXPECT_STREQ("WatchdogLogger", entity_);
+  EXPECT_STREQ("1234_0.1", Parse("Quillmor_1.2.3.4_AgentLogger_1234_0.1"));
+  EXPECT_STREQ("1.2.3.4", version_);
+  EXPECT_TRUE(log_.Lines().empty()) << log_.Dump();
+}
+
+TEST_F(LogFileNameTest, EngineeringBuildsAreRejectedAfterNamingThem) {
+  EXPECT_EQ(nullptr, Parse("Quillmor_40.5.21.engineering_WatchdogLogger_3"));
+  EXPECT_STREQ("40.5.21.engineering", version_);
+  EXPECT_EQ(1u, log_.Count(LoggerLevel::WARN,
+                           "Failed parsing file prefix '.engineering_WatchdogLogger_3'. "
+                           "Ignoring this file\n"));
+}
+
+TEST_F(LogFileNameTest, RejectsWhatDoesNotFollowTheGrammar) {
+  EXPECT_EQ(nullptr, Parse("Quillmor_40.5.21.71902_Unknown_1"));
+  EXPECT_EQ(nullptr, Parse("Quillmor_+1.2.3.4_WatchdogLogger_1")) << "a sign is not a digit";
+  EXPECT_EQ(nullptr, Parse("Quillmor_1.2_WatchdogLogger_1"));
+  EXPECT_EQ(nullptr, Parse("Quillmor_1.2.3.x_WatchdogLogger_1"));
+  EXPECT_EQ(nullptr, Parse("Quillmor_1.2.3.4-WatchdogLogger_1"));
+  EXPECT_EQ(nullptr, Parse("Quillmor_1.2.3.4__1"));
+  EXPECT_EQ(nullptr, Parse("quillmor_1.2.3.4_WatchdogLogger_1"));
+  EXPECT_EQ(7u, log_.Count(LoggerLevel::WARN, "Ignoring this file\n"));
+  EXPECT_TRUE(log_.Contains("'quillmor_1.2.3.4_WatchdogLogger_1'")) << "the whole name";
+  EXPECT_TRUE(log_.Contains("'Unknown_1'")) << "from where parsing stopped";
+}
+
+TEST_F(LogFileNameTest, NullArgumentsAreRefusedQuietly) {
+  EXPECT_EQ(nullptr, ExtractPrefixDataFromLogFileName(nullptr, version_, 32, entity_, 32));
+  EXPECT_EQ(nullptr, ExtractPrefixDataFromLogFileName("Quillmor_1.2.3.4_AgentLogger_1", version_, 0,
+                                                      entity_, 32));
+  EXPECT_TRUE(log_.Lines().empty());
+}
+
+}  // namespace
