@@ -16,7 +16,7 @@ class DirReader {
 
   // Null (logged) for a null path or a directory that cannot be opened.
   friend std::unique_ptr<DirReader> CreateDirReader(const char* path);
-  ~DirReader();
+  virtual ~DirReader();
 
   // This reader while an entry is available; null at the end, or when an
   // entry cannot be stat'ed, which ends the iteration even if more follow.
