@@ -6,6 +6,7 @@
 #include <cstring>
 #include <new>
 
+#include "agent/src/infra/io/StreamSeek.h"
 #include "common/Log.h"
 #include "common/StringUtils.h"
 
@@ -86,7 +87,5 @@ int FileReader::Seek(int64_t offset) {
                   std::strerror(errno), errno);
     return 0;
   }
-  if (offset == -1) return std::fseek(stream_, 0, SEEK_END);
-  if (offset < 0) return -1;
-  return std::fseek(stream_, static_cast<long>(offset), SEEK_SET);
+  return SeekStream(stream_, offset);
 }

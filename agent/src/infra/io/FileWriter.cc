@@ -4,6 +4,7 @@
 #include <cstring>
 #include <new>
 
+#include "agent/src/infra/io/StreamSeek.h"
 #include "common/Log.h"
 #include "common/StringUtils.h"
 
@@ -61,9 +62,7 @@ int FileWriter::Seek(int64_t offset) {
                   path_.data(), std::strerror(errno));
     return -1;
   }
-  if (offset == -1) return std::fseek(stream_, 0, SEEK_END);
-  if (offset < 0) return -1;
-  return std::fseek(stream_, static_cast<long>(offset), SEEK_SET);
+  return SeekStream(stream_, offset);
 }
 
 void FileWriter::Close() {
