@@ -75,4 +75,9 @@ void SetStrValue(uint32_t key, const char* value);
 void SetIntValue(uint32_t key, int32_t value);
 void SetBoolValue(uint32_t key, bool value);
 
+// Puts every key back to its compiled-in default. The watchdog loads its
+// configuration once and never calls this; it lets tests and the fuzz target
+// start each case from a clean table.
+void ResetToDefaults();
+
 }  // namespace Config
