@@ -1,6 +1,26 @@
+#include <csignal>
 #include <cstdio>
+#include <cstring>
 
-int main() {
-  std::puts("Usage:\nquillmorWD -f <config file path>");
-  return -1;
+#include "watchdog/CommandLine.h"
+#include "watchdog/Config.h"
+#include "watchdog/Watchdog.h"
+
+int main(int argc, char* argv[]) {
+  // Standard output is the only voice before the logger exists: every message
+  // must be out before an exit or a fork.
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);
+  std::signal(SIGHUP, SIG_IGN);
+  std::signal(SIGPIPE, SIG_IGN);
+  SetTermSignal();
+
+  std::array<char, kConfigPathSize> configPath{};
+  if (!CommandLine::GetConfigPath(argc, argv, configPath)) return -1;
+  if (!Config::Init(configPath.data())) {
+    std::printf("Failed reading WD configuration from '%s'\n", configPath.data());
+    return -1;
+  }
+  const char* slash = std::strrchr(argv[0], '/');
+  programName = slash != nullptr ? slash + 1 : argv[0];
+  return 0;
 }
