@@ -21,79 +21,6 @@ class ConfigTest : public ::testing::Test {
   LogCapture logs_;
 };
 
-struct KeyRow {
-  uint32_t key;
-  const char* name;
-  ConfigValueType type;
-  const char* defaultText;  // string keys
-  int32_t defaultInt;       // integer and boolean keys
-};
-
-// Key numbers, names and types are an interface shared with the agent.
-const KeyRow kTable[] = {
-    {0, "agentSymLinkPath", CFG_TYPE_STRING, "/var/quillmor/quillmorUserAgent", 0},
-    {1, "systemExecSymLinkPath", CFG_TYPE_STRING, "/var/quillmor/quillmorSystemExec", 0},
-    {2, "moduleSymLinkPath", CFG_TYPE_STRING, "/var/quillmor/quillmorKernelAgent", 0},
-    {3, "controlScriptPath", CFG_TYPE_STRING, "/var/quillmor/quillmor_control.sh", 0},
-    {4, "teardownScriptPath", CFG_TYPE_STRING, "/var/quillmor/quillmor_teardown.sh", 0},
-    {5, "libPath", CFG_TYPE_STRING, "/var/quillmor", 0},
-    {6, "downloadDir", CFG_TYPE_STRING, "/var/quillmor", 0},
-    {7, "dnsServers", CFG_TYPE_STRING, "2001:4860:4860::8888,2001:4860:4860::8844,8.8.8.8,8.8.4.4",
-     0},
-    {8, "wdLogDir", CFG_TYPE_STRING, "/var/log/quillmor", 0},
-    {9, "wdLogPath", CFG_TYPE_STRING, "WatchdogLogger", 0},
-    {10, "cpuAffinityMask", CFG_TYPE_INT, nullptr, 0},
-    {11, "cpuCoresNumber", CFG_TYPE_INT, nullptr, 2},
-    {12, "setLdLibPath", CFG_TYPE_BOOL, nullptr, 0},
-    {13, "localVersionPath", CFG_TYPE_STRING, "", 0},
-    {14, "pidFilePath", CFG_TYPE_STRING, "", 0},
-    {15, "DelayTimeIncreaseSec", CFG_TYPE_INT, nullptr, 10},
-    {16, "MaxDelayPeriodSec", CFG_TYPE_INT, nullptr, 600},
-    {17, "ConcurrentCleanupSec", CFG_TYPE_INT, nullptr, 900},
-    {18, "SleepOnCriticalErrorSec", CFG_TYPE_INT, nullptr, 3600},
-    {19, "CriticalErrorRetries", CFG_TYPE_INT, nullptr, 72},
-    {20, "Normal1NumEvents", CFG_TYPE_INT, nullptr, 10},
-    {21, "Normal1DurationSec", CFG_TYPE_INT, nullptr, 900},
-    {22, "Normal1Result", CFG_TYPE_INT, nullptr, 2},
-    {23, "Normal2NumEvents", CFG_TYPE_INT, nullptr, 5},
-    {24, "Normal2DurationSec", CFG_TYPE_INT, nullptr, 300},
-    {25, "Normal2Result", CFG_TYPE_INT, nullptr, 1},
-    {26, "Normal3NumEvents", CFG_TYPE_INT, nullptr, 0},
-    {27, "Normal3DurationSec", CFG_TYPE_INT, nullptr, 0},
-    {28, "Normal3Result", CFG_TYPE_INT, nullptr, 0},
-    {29, "Safe1NumEvents", CFG_TYPE_INT, nullptr, 1},
-    {30, "Safe1DurationSec", CFG_TYPE_INT, nullptr, 5},
-    {31, "Safe1Result", CFG_TYPE_INT, nullptr, 1},
-    {32, "Safe2NumEvents", CFG_TYPE_INT, nullptr, 0},
-    {33, "Safe2DurationSec", CFG_TYPE_INT, nullptr, 0},
-    {34, "Safe2Result", CFG_TYPE_INT, nullptr, 0},
-    {35, "Safe3NumEvents", CFG_TYPE_INT, nullptr, 0},
-    {36, "Safe3DurationSec", CFG_TYPE_INT, nullptr, 0},
-    {37, "Safe3Result", CFG_TYPE_INT, nullptr, 0},
-    {38, "ProcModulesRetries", CFG_TYPE_INT, nullptr, 3},
-};
-static_assert(sizeof(kTable) / sizeof(kTable[0]) == CFG_NUM_OF_KEYS);
-
-TEST_F(ConfigTest, TableHoldsEveryKeyWithItsNameTypeAndDefault) {
-  for (const KeyRow& row : kTable) {
-    SCOPED_TRACE(row.name);
-    EXPECT_STREQ(Config::GetName(row.key), row.name);
-    ASSERT_EQ(Config::GetType(row.key), row.type);
-    switch (row.type) {
-      case CFG_TYPE_STRING:
-        EXPECT_STREQ(Config::GetStrValue(row.key), row.defaultText);
-        break;
-      case CFG_TYPE_INT:
-        EXPECT_EQ(Config::GetIntValue(row.key), row.defaultInt);
-        break;
-      case CFG_TYPE_BOOL:
-        EXPECT_EQ(Config::GetBoolValue(row.key), row.defaultInt != 0);
-        break;
-    }
-  }
-  EXPECT_EQ(logs_.Lines().size(), 0u) << logs_.Dump();
-}
-
 TEST_F(ConfigTest, OutOfRangeAndWrongTypeAnswersAreFixed) {
   EXPECT_EQ(Config::GetName(39), nullptr);
   EXPECT_EQ(Config::GetType(39), CFG_TYPE_STRING);
@@ -201,11 +128,6 @@ TEST_F(ConfigTest, UnknownKeysAreSkippedAndNamesAreCaseSensitive) {
   EXPECT_TRUE(logs_.Contains("Read unknown key 'CpuCoresNumber' with value '5', ignoring\n"));
   EXPECT_TRUE(logs_.Contains("Read unknown key '" + key64 + "' with value '2', ignoring\n"));
   EXPECT_EQ(Config::GetIntValue(CFG_CPU_CORES_NUMBER), 4);
-}
-
-TEST_F(ConfigTest, KeyOf65CharactersEndsTheRead) {
-  EXPECT_TRUE(Load(std::string(65, 'k') + "=2\ncpuCoresNumber=4\n"));
-  EXPECT_EQ(Config::GetIntValue(CFG_CPU_CORES_NUMBER), 2);
 }
 
 TEST_F(ConfigTest, LaterValueOfARepeatedKeyWins) {
