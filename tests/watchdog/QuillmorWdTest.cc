@@ -1,6 +1,5 @@
 // Runs the real quillmorWD binary and checks what it prints and how it ends.
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
