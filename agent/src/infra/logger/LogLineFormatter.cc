@@ -1,0 +1,91 @@
+#include "agent/src/infra/logger/LogLineFormatter.h"
+
+#include <cstdio>
+#include <cstring>
+
+namespace LogLineFormatter {
+
+namespace {
+
+constexpr char kJsonLineFormat[] =
+    "{\"level\": \"%s\", \"timestamp\": %ld, \"metadata\" : {\"router_timestamp\" : \"%s\", "
+    "\"c_file\": \"%s\", \"line\": %d }, \"message\": \"%s\"},\n";
+constexpr char kHumanReadablePrefixFormat[] = " %s(%d): %s: %s %s ";
+constexpr char kHeaderFormat[] = "{\"account_id\": \"%s\"},";
+constexpr size_t kHeaderMinCapacity = 102;
+
+}  // namespace
+
+int32_t FormatMessage(char* buffer, size_t capacity, const char* format, va_list args) {
+  if (buffer == nullptr || capacity == 0) return -1;
+  const int result = std::vsnprintf(buffer, capacity, format, args);
+  if (result >= 0 && static_cast<size_t>(result) < capacity) return result;
+  if (capacity >= kTruncMarkSize) {
+    std::memcpy(buffer + capacity - kTruncMarkSize, kTruncMark, kTruncMarkSize);
+  } else {
+    buffer[capacity - 1] = '\0';  // no room for the mark: the cut stays unmarked
+  }
+  return static_cast<int32_t>(capacity);
+}
+
+void EscapeMessage(char* text) {
+  for (unsigned char* p = reinterpret_cast<unsigned char*>(text); *p != 0; ++p) {
+    if (*p < 0x20) {
+      *p = ' ';
+    } else if (*p == '"') {
+      *p = '\'';
+    } else if (*p == '\\') {
+      *p = '/';
+    }
+  }
+}
+
+size_t FormatDateTime(char* buffer, size_t capacity, time_t seconds) {
+  struct tm local {};
+  if (localtime_r(&seconds, &local) == nullptr) return 0;
+  return std::strftime(buffer, capacity, "%Y-%m-%d %H:%M:%S", &local);
+}
+
+int32_t FormatLogLineVaArgsAsJson(char* buffer, size_t capacity, const char* levelName,
+                                  const char* sourceFile, int line, time_t wallClockSeconds,
+                                  long monotonicSeconds, const char* /*functionName*/,
+                                  const char* format, va_list args) {
+  char message[kMessageSize];
+  if (FormatMessage(message, sizeof(message), format, args) < 0) return -1;
+  EscapeMessage(message);
+  char dateTime[kDateTimeSize];
+  if (FormatDateTime(dateTime, sizeof(dateTime), wallClockSeconds) == 0) return -1;
+  const int result = std::snprintf(buffer, capacity, kJsonLineFormat, levelName, monotonicSeconds,
+                                   dateTime, sourceFile, line, message);
+  if (result < 0 || static_cast<size_t>(result) >= capacity) return -1;
+  return result;
+}
+
+int32_t FormatLogLineVaArgs(char* buffer, size_t capacity, const char* levelName,
+                            const char* sourceFile, const char* accountId, int line, time_t seconds,
+                            const char* functionName, const char* format, va_list args) {
+  const size_t dateLength = FormatDateTime(buffer, capacity, seconds);
+  if (dateLength == 0) return -1;
+  size_t used = dateLength;
+  const int prefix = std::snprintf(buffer + used, capacity - used, kHumanReadablePrefixFormat,
+                                   sourceFile, line, levelName, accountId, functionName);
+  if (prefix < 0 || static_cast<size_t>(prefix) >= capacity - used) return -1;
+  used += static_cast<size_t>(prefix);
+  const size_t room = capacity - used;
+  const int32_t message = FormatMessage(buffer + used, room, format, args);
+  if (message < 0 || static_cast<size_t>(message) >= room) return -1;
+  return static_cast<int32_t>(used) + message;
+}
+
+int32_t FormatAccountIDHeaderLine(char* buffer, size_t capacity, const char* accountId) {
+  if (buffer == nullptr || accountId == nullptr || capacity < kHeaderMinCapacity) return -1;
+  const int length = std::snprintf(nullptr, 0, kHeaderFormat, accountId);
+  if (length < 0 || length >= kHeaderLineLength) return -1;
+  std::snprintf(buffer, capacity, kHeaderFormat, accountId);
+  std::memset(buffer + length, ' ', static_cast<size_t>(kHeaderLineLength - 1 - length));
+  buffer[kHeaderLineLength - 1] = '\n';
+  buffer[kHeaderLineLength] = '\0';
+  return kHeaderLineLength;
+}
+
+}  // namespace LogLineFormatter
