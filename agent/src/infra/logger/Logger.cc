@@ -97,9 +97,17 @@ bool Logger::ConfigureUdpTargetLocked(const LoggerConfig* udpConfig) {
 }
 
 void Logger::DestroyLogger() {
-  InstallLogSink(nullptr);
+  instance_.Uninstall();
   LockedSection section(instance_);
   if (section.Held()) instance_.ClearTargets();
+}
+
+Logger::~Logger() { Uninstall(); }
+
+// Leaves alone a sink that was installed after the logger (a test's capture).
+void Logger::Uninstall() {
+  LogSink* previous = InstallLogSink(nullptr);
+  if (previous != this) InstallLogSink(previous);
 }
 
 void Logger::ClearTargets() {

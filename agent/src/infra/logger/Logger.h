@@ -80,6 +80,9 @@ class Logger final : public LogSink {
   class LockedSection;
 
   Logger() = default;
+  // At exit: no line may reach a logger whose targets are gone.
+  ~Logger();
+  void Uninstall();
   bool LevelPasses(uint32_t component, LoggerLevel level) const;
   void WriteLine(const char* function, LoggerLevel level, const char* sourceFile, int line,
                  const char* format, va_list args) __attribute__((format(printf, 6, 0)));

@@ -41,7 +41,7 @@ bool CopyStoredHeader(char* buffer, size_t* length) {
 
 bool CreateFileIfMissing(const char* path) {
   if (access(path, F_OK) == 0) return true;
-  const int fd = creat(path, kLogFileMode);
+  const int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kLogFileMode);  // creat()
   if (fd < 0) return false;
   close(fd);
   return true;
