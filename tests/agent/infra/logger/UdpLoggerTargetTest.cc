@@ -57,15 +57,6 @@ TEST_F(UdpLoggerTargetTest, LinesAreDroppedWhileTheSocketIsClosed) {
   target->Enable();
   ASSERT_TRUE(target->Write("kept", 4));
   EXPECT_EQ(Receive(), "kept");  // the first datagram that arrived
-}
-
-TEST_F(UdpLoggerTargetTest, HeaderAndGenerationAreAcceptedAndIgnored) {
-  auto target = UdpLoggerTarget::Create(config_.get());
-  target->Enable();
-  EXPECT_TRUE(target->WriteHeader("header", 6));
-  EXPECT_TRUE(target->SetGeneration(2));
-  ASSERT_TRUE(target->Write("line", 4));
-  EXPECT_EQ(Receive(), "line");
   EXPECT_EQ(UdpLoggerTarget::Create(nullptr), nullptr);
 }
 
