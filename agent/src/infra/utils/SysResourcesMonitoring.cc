@@ -30,15 +30,19 @@ constexpr MeminfoField kMeminfoFields[] = {
     {"Cached", &MemoryInfo::cachedKb},
 };
 
-struct StatusNumber {
+// A key of the status file and the field it fills: text (first word) or number.
+struct StatusKey {
   const char* key;
-  int32_t ProcessStatus::*field;
+  std::array<char, kProcNameSize> ProcessStatus::*text;
+  int32_t ProcessStatus::*number;
 };
-constexpr StatusNumber kStatusNumbers[] = {
-    {"VmRSS:", &ProcessStatus::vmRssKb}, {"VmHWM:", &ProcessStatus::vmHwmKb},
-    {"PPid:", &ProcessStatus::ppid},     {"Threads:", &ProcessStatus::threads},
-    {"FDSize:", &ProcessStatus::fdSize},
+constexpr StatusKey kStatusKeys[] = {
+    {"Name:", &ProcessStatus::name, nullptr},     {"State:", &ProcessStatus::state, nullptr},
+    {"VmRSS:", nullptr, &ProcessStatus::vmRssKb}, {"VmHWM:", nullptr, &ProcessStatus::vmHwmKb},
+    {"PPid:", nullptr, &ProcessStatus::ppid},     {"Threads:", nullptr, &ProcessStatus::threads},
+    {"FDSize:", nullptr, &ProcessStatus::fdSize},
 };
+constexpr char kBlanks[] = " \t\n\v\f\r";  // what "%s" stops at
 
 // The reader opens lazily; opening here tells a process that has gone (an
 // expected race with /proc, logged at DEBUG) from a file that really fails.
@@ -51,21 +55,22 @@ std::unique_ptr<FileReader> OpenLineReader(const char* path) {
   return nullptr;
 }
 
+// Keys are whole first words of the line, values the next word, both cut at
+// 99 characters. Most lines hold keys that are not wanted: the key is matched
+// before the value is scanned, which keeps the watch-cycle check cheap.
 void ParseStatusLine(const char* line, ProcessStatus& status) {
-  char key[kWordSize] = "";
-  char value[kWordSize] = "";
-  if (std::sscanf(line, "%99s%99s", key, value) < 1) return;
-  if (std::strncmp(key, "Name:", kWordSize) == 0) {
-    SafeStrCopy(status.name, value);
-  } else if (std::strncmp(key, "State:", kWordSize) == 0) {
-    SafeStrCopy(status.state, value);
-  } else {
-    for (const StatusNumber& number : kStatusNumbers) {
-      if (std::strncmp(key, number.key, kWordSize) == 0) {
-        status.*number.field = std::atoi(value);
-        return;
-      }
+  const char* word = line + std::strspn(line, kBlanks);
+  const size_t length = std::strcspn(word, kBlanks);
+  for (const StatusKey& key : kStatusKeys) {
+    if (std::strlen(key.key) != length || std::memcmp(word, key.key, length) != 0) continue;
+    char value[kWordSize] = "";
+    std::sscanf(word + length, "%99s", value);
+    if (key.text != nullptr) {
+      SafeStrCopy(status.*key.text, value);
+    } else {
+      status.*key.number = std::atoi(value);
     }
+    return;
   }
 }
 
