@@ -45,11 +45,12 @@ constexpr StatusKey kStatusKeys[] = {
 constexpr char kBlanks[] = " \t\n\v\f\r";  // what "%s" stops at
 
 // The reader opens lazily; opening here tells a process that has gone (an
-// expected race with /proc, logged at DEBUG) from a file that really fails.
-std::unique_ptr<FileReader> OpenLineReader(const char* path) {
+// expected race with /proc, logged at DEBUG when mayVanish) from a file that
+// really fails.
+std::unique_ptr<FileReader> OpenLineReader(const char* path, bool mayVanish) {
   std::unique_ptr<FileReader> reader = CreateFileReader(path, 0);
   if (reader && reader->GetFd() >= 0) return reader;
-  const bool gone = reader && (errno == ENOENT || errno == ESRCH);
+  const bool gone = mayVanish && reader && (errno == ENOENT || errno == ESRCH);
   QWD_LOG(kComponent, gone ? LoggerLevel::DEBUG : LoggerLevel::ERROR,
           "Failed creating '%s' file reader object\n", path);
   return nullptr;
@@ -79,7 +80,7 @@ void ParseStatusLine(const char* line, ProcessStatus& status) {
 StatusCode ReadMeminfo(MemoryInfo& memoryInfo) {
   char path[kPathSize];
   std::snprintf(path, sizeof(path), "%s/meminfo", GetProcRoot());
-  std::unique_ptr<FileReader> reader = OpenLineReader(path);
+  std::unique_ptr<FileReader> reader = OpenLineReader(path, false);
   if (!reader) return StatusCode::FAILURE;
 
   memoryInfo = MemoryInfo{};
@@ -114,7 +115,7 @@ StatusCode ReadProcessStatus(ProcessStatus& status, int32_t pid) {
   }
   char path[kPathSize];
   std::snprintf(path, sizeof(path), "%s/%d/status", GetProcRoot(), pid);
-  std::unique_ptr<FileReader> reader = OpenLineReader(path);
+  std::unique_ptr<FileReader> reader = OpenLineReader(path, true);
   if (!reader) return StatusCode::FAILURE;
 
   status = ProcessStatus{};

@@ -60,7 +60,8 @@ TEST_F(SysResMonTest, MeminfoFailsOnALineWithoutItsNumberOrMissingFile) {
 
   SetProcRoot((proc_.root() + "/missing").c_str());
   EXPECT_EQ(StatusCode::FAILURE, SysResMon::ReadMeminfo(info));
-  EXPECT_TRUE(log_.Contains("Failed creating '" + proc_.root() + "/missing/meminfo' file reader"));
+  EXPECT_EQ(1u, log_.Count(LoggerLevel::ERROR, "Failed creating '" + proc_.root() +
+                                                   "/missing/meminfo' file reader object\n"));
 }
 
 TEST_F(SysResMonTest, ProcessStatusKeepsFirstWordsAndSkipsUnknownOrOverlongLines) {
