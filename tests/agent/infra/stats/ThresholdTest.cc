@@ -26,22 +26,16 @@ class ThresholdTest : public ::testing::Test {
   LogCapture log_;
 };
 
-TEST_F(ThresholdTest, TenRunsOfSixtySecondsMeetTenInNineHundred) {
-  std::unique_ptr<Threshold> t = Threshold::Create(10, 900);
-  ASSERT_NE(nullptr, t);
-  EXPECT_FALSE(Runs(*t, 9, 60));  // the ring is not full yet
-  EXPECT_TRUE(Run(*t, 60));       // the newest nine total 540 s
-  EXPECT_TRUE(Run(*t, 60));       // and it stays met while runs stay short
-}
-
-TEST_F(ThresholdTest, TenRunsOfHundredSecondsDoNotMeetTenInNineHundred) {
-  std::unique_ptr<Threshold> t = Threshold::Create(10, 900);
-  ASSERT_NE(nullptr, t);
-  EXPECT_FALSE(Runs(*t, 10, 100));  // the walk stops after nine runs, at 900 s
-  EXPECT_FALSE(Runs(*t, 10, 100));
-  // Just under the budget the same ten runs meet it.
-  std::unique_ptr<Threshold> u = Threshold::Create(10, 900);
-  EXPECT_TRUE(Runs(*u, 10, 99));
+TEST_F(ThresholdTest, TenRunsMeetTenInNineHundredOnlyWhileTheNewestNineStayBelowIt) {
+  std::unique_ptr<Threshold> quick = Threshold::Create(10, 900);
+  std::unique_ptr<Threshold> slow = Threshold::Create(10, 900);
+  std::unique_ptr<Threshold> edge = Threshold::Create(10, 900);
+  ASSERT_TRUE(quick && slow && edge);
+  EXPECT_FALSE(Runs(*quick, 9, 60));  // the ring is not full yet
+  EXPECT_TRUE(Run(*quick, 60));       // the newest nine total 540 s
+  EXPECT_TRUE(Run(*quick, 60));
+  EXPECT_FALSE(Runs(*slow, 20, 100));  // the walk stops after nine runs, at 900 s
+  EXPECT_TRUE(Runs(*edge, 10, 99));
 }
 
 TEST_F(ThresholdTest, OneEventIsMetByEveryFailureWhateverItsDuration) {
@@ -60,13 +54,17 @@ TEST_F(ThresholdTest, NoBudgetIsNeverMet) {
   }
 }
 
-TEST_F(ThresholdTest, FailureWithoutAnyStartIsNotMet) {
-  std::unique_ptr<Threshold> t = Threshold::Create(1, 5);
+TEST_F(ThresholdTest, FailureWithoutAnyStartIsNotMetAlsoAfterReset) {
+  std::unique_ptr<Threshold> t = Threshold::Create(3, 50);
   ASSERT_NE(nullptr, t);
   EXPECT_FALSE(t->AddFailureEvent());
-  EXPECT_TRUE(Run(*t, 1));
+  EXPECT_TRUE(Runs(*t, 3, 1));
   t->ResetEvents();
   EXPECT_FALSE(t->AddFailureEvent());
+  EXPECT_FALSE(Runs(*t, 2, 1));
+  EXPECT_TRUE(Run(*t, 1));
+  EXPECT_EQ(3, t->GetNumberOfEvents());
+  EXPECT_EQ(50, t->GetNumberOfSeconds());
 }
 
 TEST_F(ThresholdTest, FailureWithoutItsStartIsMeasuredFromAnEarlierTurn) {
@@ -86,17 +84,6 @@ TEST_F(ThresholdTest, DurationsAreUnsignedDifferencesAddedModuloTheWord) {
   // A run that ends 10 s before it began wraps to -10 in the signed total,
   // so the 90 s run before it still fits in the budget.
   EXPECT_TRUE(Run(*t, -10));
-}
-
-TEST_F(ThresholdTest, ResetKeepsTheParametersAndForgetsTheRuns) {
-  std::unique_ptr<Threshold> t = Threshold::Create(3, 50);
-  ASSERT_NE(nullptr, t);
-  EXPECT_EQ(3, t->GetNumberOfEvents());
-  EXPECT_EQ(50, t->GetNumberOfSeconds());
-  EXPECT_TRUE(Runs(*t, 3, 1));
-  t->ResetEvents();
-  EXPECT_FALSE(Runs(*t, 2, 1));
-  EXPECT_TRUE(Run(*t, 1));
 }
 
 TEST_F(ThresholdTest, EmptyRingIsRefused) {

@@ -71,16 +71,14 @@ TEST_F(SysResProcessScanTest, OrphanedZombieAndVanishedProcessDoNotStopTheScan) 
   EXPECT_FALSE(log_.Contains("Zombie spawner detected"));
 }
 
-TEST_F(SysResProcessScanTest, NullOutputsAreReportedAndTheScanStillRuns) {
+TEST_F(SysResProcessScanTest, NullOutputsAreReportedAndAnUnreadableRootFails) {
   proc_.Add({.pid = 5, .name = "p", .state = "Z (zombie)", .ppid = 6});
   proc_.Add({.pid = 6, .name = "parent"});
   EXPECT_EQ(StatusCode::SUCCESS, SysResMon::MonitorZombiesAndThreads(nullptr, nullptr));
   EXPECT_EQ(1u, log_.Count(LoggerLevel::ERROR, "ASSERT FAILED: NULL != zombiesCountOut \n"));
   EXPECT_EQ(1u, log_.Count(LoggerLevel::ERROR, "ASSERT FAILED: NULL != systemThreadsCountOut \n"));
   EXPECT_TRUE(log_.Contains("Name:[parent], pid:[6], zombies spawned:[1]"));
-}
 
-TEST_F(SysResProcessScanTest, UnreadableRootFailsTheScan) {
   SetProcRoot((proc_.root() + "/absent").c_str());
   int32_t zombies = 0;
   int32_t threads = 0;
