@@ -1,0 +1,165 @@
+// Feeds arbitrary record sequences to IpcChannel::ProcessRequest over a real
+// SOCK_SEQPACKET connection with handlers registered, and checks that every
+// reply is well formed: the server must answer or fail as the protocol says,
+// never read or write out of bounds, and keep serving the same connection.
+//
+// Input: one flags byte (bit 0: strict reads), then records, each a 2-byte
+// length (high byte first) and that many bytes, the last one cut by the end
+// of the input. At most kMaxRecords records per input.
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "agent/src/infra/ipc/IpcChannel.h"
+
+namespace {
+
+constexpr uint32_t kMaxRequest = 200;
+constexpr uint32_t kReplySize = 64;
+constexpr size_t kMaxRecords = 64;
+
+// Reads every request byte, so that a short request buffer shows.
+uint32_t Checksum(const void* data, size_t dataLen) {
+  uint32_t sum = 0;
+  for (size_t i = 0; i < dataLen; ++i) sum += static_cast<const uint8_t*>(data)[i];
+  return sum;
+}
+
+StatusCode Echo(const void* data, size_t dataLen, void* reply, size_t replySize, size_t* replyLen,
+                void*) {
+  *replyLen = dataLen < replySize ? dataLen : replySize;
+  if (*replyLen != 0) std::memcpy(reply, data, *replyLen);
+  return StatusCode::SUCCESS;
+}
+
+// Claims more than 65535 bytes: the low 16 bits are sent, within the buffer.
+StatusCode Oversized(const void* data, size_t dataLen, void*, size_t replySize, size_t* replyLen,
+                     void*) {
+  *replyLen = 65536u + (Checksum(data, dataLen) % (replySize + 1));
+  return StatusCode::SUCCESS;
+}
+
+// Claims more than the reply buffer holds.
+StatusCode Overclaiming(const void* data, size_t dataLen, void*, size_t replySize, size_t* replyLen,
+                        void*) {
+  *replyLen = replySize + 1 + Checksum(data, dataLen);
+  return StatusCode::SUCCESS;
+}
+
+StatusCode FullFailure(const void* data, size_t dataLen, void* reply, size_t replySize,
+                       size_t* replyLen, void*) {
+  std::memset(reply, static_cast<int>(Checksum(data, dataLen)), replySize);
+  *replyLen = replySize;
+  return StatusCode::FAILURE;
+}
+
+StatusCode Silent(const void* data, size_t dataLen, void*, size_t, size_t* replyLen, void*) {
+  *replyLen = 0;
+  return static_cast<StatusCode>(Checksum(data, dataLen) % 24);
+}
+
+struct Harness {
+  std::string dir;
+  std::string path;
+  std::unique_ptr<IpcChannel> server;
+};
+
+Harness* g_harness = nullptr;
+
+void RemoveSocket() {
+  unlink(g_harness->path.c_str());
+  rmdir(g_harness->dir.c_str());
+}
+
+Harness* GetHarness() {
+  if (g_harness != nullptr) return g_harness;
+  char dir[] = "/tmp/qwd-fuzz-XXXXXX";
+  if (mkdtemp(dir) == nullptr) std::abort();
+  g_harness = new Harness{dir, std::string(dir) + "/ipc.socket", nullptr};
+  g_harness->server = CreateIpcChannel(g_harness->path.c_str(), kMaxRequest, kReplySize, false);
+  IpcChannel& server = *g_harness->server;
+  server.RegisterHandler(0, Echo, nullptr);
+  server.RegisterHandler(1, Oversized, nullptr);
+  server.RegisterHandler(2, Overclaiming, nullptr);
+  server.RegisterHandler(3, FullFailure, nullptr);
+  server.RegisterHandler(4, Silent, nullptr);
+  if (server.ServerInit() != StatusCode::SUCCESS) std::abort();
+  std::atexit(RemoveSocket);
+  return g_harness;
+}
+
+int Connect(const std::string& path) {
+  const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
+  if (fd < 0 || connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
+    std::abort();
+  }
+  return fd;
+}
+
+// Sends the input's records without blocking; the number sent.
+size_t SendRecords(int fd, const uint8_t* data, size_t size) {
+  size_t sent = 0;
+  while (size >= 2 && sent < kMaxRecords) {
+    size_t length = (static_cast<size_t>(data[0]) << 8) | data[1];
+    data += 2;
+    size -= 2;
+    if (length > size) length = size;
+    if (send(fd, data, length, MSG_DONTWAIT | MSG_NOSIGNAL) < 0) break;
+    data += length;
+    size -= length;
+    ++sent;
+  }
+  return sent;
+}
+
+// Every reply is a header with the magic and a length within the reply
+// buffer, followed by exactly that much data.
+void CheckReplies(int fd) {
+  uint8_t record[65536];
+  for (;;) {
+    const ssize_t got = recv(fd, record, sizeof(record), MSG_DONTWAIT);
+    if (got < 0) return;
+    IpcHeader header{};
+    if (got != sizeof(header)) __builtin_trap();
+    std::memcpy(&header, record, sizeof(header));
+    if (header.magic != kIpcMagic || header.length > kReplySize) __builtin_trap();
+    if (header.length == 0) continue;
+    if (recv(fd, record, sizeof(record), MSG_DONTWAIT) != static_cast<ssize_t>(header.length)) {
+      __builtin_trap();
+    }
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  if (size == 0) return 0;
+  Harness* harness = GetHarness();
+  IpcChannel& server = *harness->server;
+  const bool strictRead = (data[0] & 1) != 0;
+  const int client = Connect(harness->path);
+  if (server.ServerAccept(1000) != StatusCode::SUCCESS) std::abort();
+
+  const size_t records = SendRecords(client, data + 1, size - 1);
+  // With the client's side shut, a missing record reads as the end of the
+  // stream instead of blocking; each call consumes at least one record.
+  shutdown(client, SHUT_WR);
+  for (size_t i = 0; i <= records; ++i) server.ProcessRequest(strictRead);
+  CheckReplies(client);
+
+  close(client);
+  server.CloseConnection();
+  return 0;
+}
