@@ -2,6 +2,7 @@
 // rules, reply buffers, time-outs, connecting with retries and reconnecting
 // after the server restarts.
 
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -141,12 +142,6 @@ TEST_F(IpcChannelClientTest, SilentServerTimesOut) {
   EXPECT_EQ(clock.SleepCalls(), 0u);
 }
 
-TEST_F(IpcChannelClientTest, SendWithoutConnectionFails) {
-  client_ = CreateIpcChannel(path_.c_str(), 0, 0, false);
-  EXPECT_EQ(client_->SendCommand(kEcho, nullptr, 0, nullptr, 0, 10), StatusCode::FAILURE);
-  EXPECT_TRUE(log_.Contains("is disconnected! Can't send command type 0"));
-}
-
 TEST_F(IpcChannelClientTest, ReconnectsAfterTheServerRestarts) {
   ExchangeThenRestartServer(true);
   char reply[8] = {};
@@ -192,6 +187,17 @@ TEST_F(IpcChannelClientTest, SecondConnectIsRefusedUntilDisconnect) {
   EXPECT_TRUE(log_.Contains("already exists? call disconnect first"));
   client_->Disconnect();
   EXPECT_EQ(client_->SendCommand(kEcho, nullptr, 0, nullptr, 0, 10), StatusCode::FAILURE);
+  EXPECT_TRUE(log_.Contains("is disconnected! Can't send command type 0"));
+}
+
+TEST_F(IpcChannelClientTest, ExecutedChildrenInheritNoChannelSocket) {
+  StartServing();
+  ConnectClient(false);
+  auto listening = CreateIpcChannel(dir_.File("other.socket").c_str(), 0, 0, false);
+  ASSERT_EQ(listening->ServerInit(), StatusCode::SUCCESS);
+  // grep exits with 1 when the shell holds no socket at all.
+  const int rc = system("ls -l /proc/$$/fd | grep -q socket:");
+  EXPECT_EQ(WEXITSTATUS(rc), 1);
 }
 
 TEST_F(IpcChannelClientTest, ThreadSafeClientKeepsExchangesApart) {
