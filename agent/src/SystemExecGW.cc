@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "agent/src/infra/ipc/IpcChannel.h"
+#include "common/LoggerLevelNames.h"
 #include "common/Shell.h"
 #include "common/StringUtils.h"
 
@@ -22,12 +23,6 @@ IpcChannel* g_channel = nullptr;
 [[noreturn]] void AssertionFailed(const char* text, const char* function, int line) {
   std::fprintf(stderr, "%s:%d: %s: Assertion `%s' failed.\n", __FILE__, line, function, text);
   std::abort();
-}
-
-const char* LevelName(LoggerLevel level) {
-  static constexpr const char* kNames[] = {"DEBUG", "VERBOSE", "INFO", "WARN", "ERROR", "FATAL"};
-  const auto value = static_cast<uint32_t>(level);
-  return value < std::size(kNames) ? kNames[value] : "N/A";
 }
 
 int32_t ExitStatus(int32_t rc) { return (rc >> 8) & 0xff; }
@@ -89,7 +84,7 @@ StatusCode SetComponentLogLevel(int32_t component, LoggerLevel level) {
   std::memcpy(record.data() + sizeof(component), &levelValue, sizeof(levelValue));
   const StatusCode status = SendRecord(kSetComponentLogLevel, record);
   QWD_LOG_VERBOSE(kComponent, "Log level for component %d set to %s (%d), ret %s\n", component,
-                  LevelName(level), levelValue, StatusCodeToStr(status));
+                  LoggerLevelToStr(levelValue), levelValue, StatusCodeToStr(status));
   return status;
 }
 

@@ -7,7 +7,7 @@
 #include "agent/src/infra/logger/ConsoleLoggerTarget.h"
 #include "agent/src/infra/logger/LogLineFormatter.h"
 #include "agent/src/infra/logger/LoggerFileTarget.h"
-#include "agent/src/infra/logger/LoggerLevelNames.h"
+#include "common/LoggerLevelNames.h"
 #include "agent/src/infra/logger/UdpLoggerTarget.h"
 #include "common/StringUtils.h"
 #include "common/TimeUtils.h"

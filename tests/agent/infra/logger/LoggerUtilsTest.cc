@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "agent/src/infra/logger/LoggerLevelNames.h"
+#include "common/LoggerLevelNames.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "agent/src/infra/logger/LoggerLevelNames.h"
+#include "common/LoggerLevelNames.h"
 
 #include <cstring>
 
