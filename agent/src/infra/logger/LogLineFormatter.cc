@@ -46,15 +46,28 @@ size_t FormatDateTime(char* buffer, size_t capacity, time_t seconds) {
   return std::strftime(buffer, capacity, "%Y-%m-%d %H:%M:%S", &local);
 }
 
+size_t DateTimeCache::Format(char* buffer, size_t capacity, time_t seconds) {
+  if (length_ == 0 || seconds != seconds_) {
+    length_ = FormatDateTime(text_, sizeof(text_), seconds);
+    seconds_ = seconds;
+  }
+  if (length_ == 0 || length_ >= capacity) return 0;
+  std::memcpy(buffer, text_, length_ + 1);
+  return length_;
+}
+
 int32_t FormatLogLineVaArgsAsJson(char* buffer, size_t capacity, const char* levelName,
                                   const char* sourceFile, int line, time_t wallClockSeconds,
                                   long monotonicSeconds, const char* /*functionName*/,
-                                  const char* format, va_list args) {
+                                  const char* format, va_list args, DateTimeCache* dateCache) {
   char message[kMessageSize];
   if (FormatMessage(message, sizeof(message), format, args) < 0) return -1;
   EscapeMessage(message);
   char dateTime[kDateTimeSize];
-  if (FormatDateTime(dateTime, sizeof(dateTime), wallClockSeconds) == 0) return -1;
+  const size_t dateLength = dateCache != nullptr
+                                ? dateCache->Format(dateTime, sizeof(dateTime), wallClockSeconds)
+                                : FormatDateTime(dateTime, sizeof(dateTime), wallClockSeconds);
+  if (dateLength == 0) return -1;
   const int result = std::snprintf(buffer, capacity, kJsonLineFormat, levelName, monotonicSeconds,
                                    dateTime, sourceFile, line, message);
   if (result < 0 || static_cast<size_t>(result) >= capacity) return -1;

@@ -38,13 +38,31 @@ void EscapeMessage(char* text);
 // "%Y-%m-%d %H:%M:%S" of the seconds in local time; its length, 0 on failure.
 size_t FormatDateTime(char* buffer, size_t capacity, time_t seconds);
 
+// Remembers the date text of the last second formatted, so that a burst of
+// lines within one second pays for localtime_r and strftime once. Not
+// thread-safe: the logger keeps one under its lock and clears it when it is
+// initialised (the time zone may have changed since).
+class DateTimeCache {
+ public:
+  // As FormatDateTime, from the cache when the second is the last one.
+  size_t Format(char* buffer, size_t capacity, time_t seconds);
+  void Invalidate() { length_ = 0; }
+
+ private:
+  time_t seconds_ = 0;          // second of the cached text
+  size_t length_ = 0;           // length of the cached text, 0 when none
+  char text_[kDateTimeSize]{};  // the cached text
+};
+
 // The JSON line. The message is cut at 1024 bytes with kTruncMark and escaped;
 // -1 when the whole line would not fit strictly into the capacity (the line is
-// then dropped). The function name is accepted and not printed.
+// then dropped). The function name is accepted and not printed. The date comes
+// from dateCache when one is given.
 int32_t FormatLogLineVaArgsAsJson(char* buffer, size_t capacity, const char* levelName,
                                   const char* sourceFile, int line, time_t wallClockSeconds,
                                   long monotonicSeconds, const char* functionName,
-                                  const char* format, va_list args)
+                                  const char* format, va_list args,
+                                  DateTimeCache* dateCache = nullptr)
     __attribute__((format(printf, 9, 0)));
 
 // "<date> <file>(<line>): <level>: <account> <function> <message>", no newline

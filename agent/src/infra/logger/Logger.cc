@@ -7,8 +7,8 @@
 #include "agent/src/infra/logger/ConsoleLoggerTarget.h"
 #include "agent/src/infra/logger/LogLineFormatter.h"
 #include "agent/src/infra/logger/LoggerFileTarget.h"
-#include "common/LoggerLevelNames.h"
 #include "agent/src/infra/logger/UdpLoggerTarget.h"
+#include "common/LoggerLevelNames.h"
 #include "common/StringUtils.h"
 #include "common/TimeUtils.h"
 
@@ -54,6 +54,7 @@ bool Logger::InitLogger(const LoggerConfig* consoleConfig, const LoggerConfig* f
   if (!section.Held() || !logger.levels_.Init()) return false;
   logger.ClearTargets();
   logger.generation_ = 0;
+  logger.dateCache_.Invalidate();
   if (consoleConfig != nullptr) {
     logger.targets_[kConsoleTarget] = ConsoleLoggerTarget::Create();
     if (!logger.targets_[kConsoleTarget]) return false;
@@ -216,7 +217,7 @@ void Logger::WriteLine(const char* function, LoggerLevel level, const char* sour
     GetCurrentMonoTime(&monotonic);
     length = LogLineFormatter::FormatLogLineVaArgsAsJson(
         lineBuffer_.data(), lineBuffer_.size(), levelName, sourceFile, line, wallClock.tv_sec,
-        static_cast<long>(monotonic.tv_sec), function, format, args);
+        static_cast<long>(monotonic.tv_sec), function, format, args, &dateCache_);
   } else {
     length = LogLineFormatter::FormatLogLineVaArgs(
         lineBuffer_.data(), lineBuffer_.size(), levelName, sourceFile, accountId_.data(), line,

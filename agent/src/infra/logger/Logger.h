@@ -21,6 +21,7 @@
 #include <memory>
 
 #include "agent/src/infra/logger/ComponentsLogLevelManager.h"
+#include "agent/src/infra/logger/LogLineFormatter.h"
 #include "agent/src/infra/logger/LoggerBaseTarget.h"
 #include "agent/src/infra/logger/LoggerConfig.h"
 #include "common/Log.h"
@@ -101,4 +102,5 @@ class Logger final : public LogSink {
   std::array<char, kAccountIdSize> accountId_{};                        // heads every file
   std::atomic<uint8_t> humanReadable_{0};                               // 0: JSON lines
   std::array<char, kLineBufferSize> lineBuffer_{};                      // the line being written
+  LogLineFormatter::DateTimeCache dateCache_;  // date text of the last second logged
 };

@@ -67,6 +67,20 @@ TEST_F(LogLineFormatterTest, DateTextIsLocalTime) {
   EXPECT_STREQ(date, "2023-11-15 00:13:20");
 }
 
+TEST_F(LogLineFormatterTest, CachedDateFollowsTheSecondAndItsInvalidation) {
+  DateTimeCache cache;
+  char date[kDateTimeSize];
+  ASSERT_EQ(cache.Format(date, sizeof(date), kWallClock), 19u);
+  EXPECT_STREQ(date, "2023-11-14 22:13:20");
+  EXPECT_EQ(cache.Format(date, sizeof(date), kWallClock + 1), 19u);
+  EXPECT_STREQ(date, "2023-11-14 22:13:21");
+  EXPECT_EQ(cache.Format(date, 19, kWallClock + 1), 0u) << "never cut into a short buffer";
+  ScopedTimeZone eastOfUtc("XXX-2");
+  cache.Invalidate();
+  cache.Format(date, sizeof(date), kWallClock + 1);
+  EXPECT_STREQ(date, "2023-11-15 00:13:21");
+}
+
 TEST_F(LogLineFormatterTest, HeaderIsAlways101BytesWithNewlineAtTheEnd) {
   EXPECT_EQ(FormatAccountIDHeaderLine(buffer_, sizeof(buffer_), "DefaultAccountID"), 101);
   EXPECT_EQ(std::string(buffer_),
