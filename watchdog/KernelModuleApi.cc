@@ -1,0 +1,34 @@
+#include "watchdog/KernelModuleApi.h"
+
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+
+namespace {
+
+// The C library wraps neither call, so they go through syscall() with the
+// platform's own numbers.
+class RealKernelModuleApi final : public KernelModuleApi {
+ public:
+  int InitModule(const void* image, unsigned long size, const char* params) override {
+    return static_cast<int>(syscall(SYS_init_module, image, size, params));
+  }
+
+  int DeleteModule(const char* name, unsigned int flags) override {
+    return static_cast<int>(syscall(SYS_delete_module, name, flags));
+  }
+
+  const char* ModulesListPath() override { return "/proc/modules"; }
+};
+
+RealKernelModuleApi g_realApi;
+std::atomic<KernelModuleApi*> g_api{&g_realApi};
+
+}  // namespace
+
+KernelModuleApi& GetKernelModuleApi() { return *g_api.load(std::memory_order_acquire); }
+
+KernelModuleApi* InstallKernelModuleApi(KernelModuleApi* api) {
+  return g_api.exchange(api != nullptr ? api : &g_realApi);
+}

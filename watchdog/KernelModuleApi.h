@@ -1,0 +1,21 @@
+#pragma once
+
+// The kernel's module calls and its list of loaded modules, behind one seam so
+// that tests can play a kernel. The default is the real system: the raw
+// init_module and delete_module system calls and "/proc/modules".
+
+class KernelModuleApi {
+ public:
+  virtual ~KernelModuleApi() = default;
+  // init_module(image, size, params): 0, or -1 with errno set.
+  virtual int InitModule(const void* image, unsigned long size, const char* params) = 0;
+  // delete_module(name, flags): 0, or -1 with errno set.
+  virtual int DeleteModule(const char* name, unsigned int flags) = 0;
+  // The file listing the loaded modules, one per line.
+  virtual const char* ModulesListPath() = 0;
+};
+
+// The kernel in force for the whole process.
+KernelModuleApi& GetKernelModuleApi();
+// Installs a kernel and returns the previous one; nullptr restores the real one.
+KernelModuleApi* InstallKernelModuleApi(KernelModuleApi* api);
