@@ -27,6 +27,7 @@ class MonitoredModuleTest : public ::testing::Test {
     ASSERT_NE(module_, nullptr);
     kernel_.SetLineOnLoad(kListedLine);
   }
+  void TearDown() override { Config::ResetToDefaults(); }
 
   LogCapture log_;
   FakeClock clock_;
@@ -246,6 +247,7 @@ TEST(MonitoredModuleRealKernelTest, RealLoadOfABogusImageIsRefused) {
   EXPECT_EQ(module->Start(), StatusCode::FAILURE);
   EXPECT_EQ(module->GetStatus(), MonitoredEntityStatus::UNKNOWN);
   EXPECT_TRUE(log.Contains("Module loading failed! error "));
+  Config::ResetToDefaults();
 }
 
 }  // namespace
