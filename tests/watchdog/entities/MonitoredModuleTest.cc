@@ -20,9 +20,10 @@ class MonitoredModuleTest : public ::testing::Test {
  protected:
   void SetUp() override {
     Config::SetIntValue(CFG_PROC_MODULES_RETRIES, 3);
-    image_ = dir_.Write("nfmodule.ko", std::string("\x7f"
-                                                   "ELF\0\1\2module-body",
-                                                   20));
+    static constexpr char kImage[] =
+        "\x7f"
+        "ELF\0\1\2module-body";
+    image_ = dir_.Write("nfmodule.ko", std::string(kImage, sizeof(kImage) - 1));
     module_ = CreateMonitoredModule(dir_.path().c_str(), "nfmodule.ko", "nfmodule", "debug=1");
     ASSERT_NE(module_, nullptr);
     kernel_.SetLineOnLoad(kListedLine);
