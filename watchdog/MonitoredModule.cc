@@ -33,25 +33,25 @@ std::unique_ptr<FileReader> OpenReader(const char* path) {
 
 std::unique_ptr<MonitoredModule> CreateMonitoredModule(const char* dirPath, const char* binaryName,
                                                        const char* moduleName, const char* args) {
-  std::unique_ptr<MonitoredModule> module(new (std::nothrow) MonitoredModule());
-  if (!module) {
-    QWD_LOG_ERROR(kComponent, "Can't allocate memory for monitored module '%s'\n",
-                  binaryName != nullptr ? binaryName : "(null)");
-    return nullptr;
-  }
-  if (!module->MonitoredModuleCtor(dirPath, binaryName, moduleName, args)) return nullptr;
-  return module;
-}
-
-bool MonitoredModule::MonitoredModuleCtor(const char* dirPath, const char* binaryName,
-                                          const char* moduleName, const char* args) {
+  // Refused before anything exists, so that no destruction line follows.
   if (dirPath == nullptr || binaryName == nullptr || moduleName == nullptr) {
     QWD_LOG_ERROR(kComponent,
                   "Can't create monitored module with NULL path (%p), binary (%p) or name (%p)",
                   static_cast<const void*>(dirPath), static_cast<const void*>(binaryName),
                   static_cast<const void*>(moduleName));
-    return false;
+    return nullptr;
   }
+  std::unique_ptr<MonitoredModule> module(new (std::nothrow) MonitoredModule());
+  if (!module) {
+    QWD_LOG_ERROR(kComponent, "Can't allocate memory for monitored module '%s'\n", binaryName);
+    return nullptr;
+  }
+  module->MonitoredModuleCtor(dirPath, binaryName, moduleName, args);
+  return module;
+}
+
+void MonitoredModule::MonitoredModuleCtor(const char* dirPath, const char* binaryName,
+                                          const char* moduleName, const char* args) {
   SetStatus(MonitoredEntityStatus::NOT_RUNNING);
   SafeStrCopy(dirPath_, dirPath);
   SafeStrCopy(binaryName_, binaryName);
@@ -60,7 +60,6 @@ bool MonitoredModule::MonitoredModuleCtor(const char* dirPath, const char* binar
   QWD_LOG_VERBOSE(kComponent,
                   "Created Monitored module object for module '%s' at '%s' with args '%s'\n",
                   binaryName_.data(), dirPath_.data(), args_.data());
-  return true;
 }
 
 MonitoredModule::~MonitoredModule() {

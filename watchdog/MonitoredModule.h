@@ -37,7 +37,7 @@ class MonitoredModule final : public MonitoredEntity {
 
  private:
   MonitoredModule() : MonitoredEntity(MonitoredEntityType::KERNEL_MODULE) {}
-  bool MonitoredModuleCtor(const char* dirPath, const char* binaryName, const char* moduleName,
+  void MonitoredModuleCtor(const char* dirPath, const char* binaryName, const char* moduleName,
                            const char* args);
 
   std::array<char, 256> dirPath_{};    // directory of the module file

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 #include <new>
+#include <utility>
 
 #include "agent/src/infra/io/FileReader.h"
 #include "agent/src/infra/utils/SysResourcesMonitoring.h"
@@ -18,8 +19,6 @@ namespace {
 constexpr uint32_t kComponent = LOGGER_COMPONENT_WATCHDOG;
 constexpr int32_t kMemoryStepKb = 1024;
 
-const char* OrNull(const char* text) { return text != nullptr ? text : "(null)"; }
-
 }  // namespace
 
 std::unique_ptr<MonitoredProcess> CreateMonitoredProcess(
@@ -27,40 +26,48 @@ std::unique_ptr<MonitoredProcess> CreateMonitoredProcess(
     int32_t maxLastSeenMsec, bool setLdLibPath, bool checkLastSeen, const char* socketName,
     uint32_t cmdDataSize, uint32_t replySize, const IpcHandler* handlers, int32_t handlerCount,
     uint32_t connectTimeoutMsec) {
-  std::unique_ptr<MonitoredProcess> process(new (std::nothrow) MonitoredProcess());
-  if (!process) {
-    QWD_LOG_ERROR(kComponent, "Can't allocate memory for monitored process '%s'\n",
-                  OrNull(binaryName));
-    return nullptr;
-  }
+  // Every refusal comes before the entity exists, so that no destruction
+  // line follows it.
+  std::unique_ptr<IpcChannel> channel;
   if (socketName != nullptr) {
-    process->ipcChannel_ = CreateIpcChannel(socketName, cmdDataSize, replySize, false);
-    if (!process->ipcChannel_) {
+    channel = CreateIpcChannel(socketName, cmdDataSize, replySize, false);
+    if (!channel) {
       QWD_LOG_ERROR(kComponent, "Failed creating IPC channel server for %s", socketName);
       return nullptr;
     }
   }
-  if (!process->MonitoredProcessCtor(dirPath, binaryName, extraArgs, libPath, maxLastSeenMsec,
-                                     setLdLibPath, checkLastSeen, socketName, handlers,
-                                     handlerCount, connectTimeoutMsec)) {
-    return nullptr;
-  }
-  return process;
-}
-
-bool MonitoredProcess::MonitoredProcessCtor(const char* dirPath, const char* binaryName,
-                                            const char* const* extraArgs, const char* libPath,
-                                            int32_t maxLastSeenMsec, bool setLdLibPath,
-                                            bool checkLastSeen, const char* socketName,
-                                            const IpcHandler* handlers, int32_t handlerCount,
-                                            uint32_t connectTimeoutMsec) {
   if (binaryName == nullptr || libPath == nullptr) {
     QWD_LOG_ERROR(kComponent,
                   "Can't create monitored process object with a null binary (%p) or null lib "
                   "path (%p)",
                   static_cast<const void*>(binaryName), static_cast<const void*>(libPath));
-    return false;
+    return nullptr;
   }
+  for (int32_t id = 1; channel && id <= handlerCount; ++id) {
+    if (channel->RegisterHandler(id, handlers[id - 1], nullptr) != StatusCode::SUCCESS) {
+      QWD_LOG_ERROR(kComponent, "Failed registering handler (command ID %d) for %s\n", id,
+                    binaryName);
+      return nullptr;
+    }
+  }
+  std::unique_ptr<MonitoredProcess> process(new (std::nothrow) MonitoredProcess());
+  if (!process) {
+    QWD_LOG_ERROR(kComponent, "Can't allocate memory for monitored process '%s'\n", binaryName);
+    return nullptr;
+  }
+  process->MonitoredProcessCtor(std::move(channel), dirPath, binaryName, extraArgs, libPath,
+                                maxLastSeenMsec, setLdLibPath, checkLastSeen, socketName,
+                                connectTimeoutMsec);
+  return process;
+}
+
+void MonitoredProcess::MonitoredProcessCtor(std::unique_ptr<IpcChannel> channel,
+                                            const char* dirPath, const char* binaryName,
+                                            const char* const* extraArgs, const char* libPath,
+                                            int32_t maxLastSeenMsec, bool setLdLibPath,
+                                            bool checkLastSeen, const char* socketName,
+                                            uint32_t connectTimeoutMsec) {
+  ipcChannel_ = std::move(channel);
   pid_ = -1;
   SetStatus(MonitoredEntityStatus::NOT_RUNNING);
   maxLastSeenMsec_ = maxLastSeenMsec;
@@ -73,16 +80,6 @@ bool MonitoredProcess::MonitoredProcessCtor(const char* dirPath, const char* bin
     std::snprintf(fullPath_.data(), fullPath_.size(), "%s/%s", dirPath_.data(), binaryName_.data());
   }
   if (socketName != nullptr) SafeStrCopy(socketName_, socketName);
-
-  if (ipcChannel_) {
-    for (int32_t id = 1; id <= handlerCount; ++id) {
-      if (ipcChannel_->RegisterHandler(id, handlers[id - 1], nullptr) != StatusCode::SUCCESS) {
-        QWD_LOG_ERROR(kComponent, "Failed registering handler (command ID %d) for %s\n", id,
-                      binaryName_.data());
-        return false;
-      }
-    }
-  }
 
   size_t argc = 0;
   argv_[argc++] = fullPath_.data();
@@ -101,7 +98,6 @@ bool MonitoredProcess::MonitoredProcessCtor(const char* dirPath, const char* bin
   }
   QWD_LOG_VERBOSE(kComponent, "Created Monitored process object for process '%s' at '%s'\n",
                   binaryName_.data(), dirPath_.data());
-  return true;
 }
 
 MonitoredProcess::~MonitoredProcess() {

@@ -69,11 +69,12 @@ class MonitoredProcess final : public MonitoredEntity {
 
  private:
   MonitoredProcess() : MonitoredEntity(MonitoredEntityType::PROCESS) {}
-  bool MonitoredProcessCtor(const char* dirPath, const char* binaryName,
-                            const char* const* extraArgs, const char* libPath,
-                            int32_t maxLastSeenMsec, bool setLdLibPath, bool checkLastSeen,
-                            const char* socketName, const IpcHandler* handlers,
-                            int32_t handlerCount, uint32_t connectTimeoutMsec);
+  // Takes the channel with its command handlers registered.
+  void MonitoredProcessCtor(std::unique_ptr<IpcChannel> channel, const char* dirPath,
+                            const char* binaryName, const char* const* extraArgs,
+                            const char* libPath, int32_t maxLastSeenMsec, bool setLdLibPath,
+                            bool checkLastSeen, const char* socketName,
+                            uint32_t connectTimeoutMsec);
   // The pid file's path into path; false when there is to be none.
   bool PidFilePath(char (&path)[512]) const;
   StatusCode WriteOwnPidFile() const;

@@ -54,6 +54,7 @@ TEST_F(MonitoredModuleTest, CreationNamesTheEntityAndRefusesNullNames) {
                             dir_.path() + "' with args 'debug=1'\n"));
   EXPECT_EQ(CreateMonitoredModule(dir_.path().c_str(), "nfmodule.ko", nullptr, nullptr), nullptr);
   EXPECT_TRUE(log_.Contains("Can't create monitored module with NULL path"));
+  EXPECT_FALSE(log_.Contains("Destroying"));
 }
 
 TEST_F(MonitoredModuleTest, HasNoChannelAndWarnsOnEveryAsk) {

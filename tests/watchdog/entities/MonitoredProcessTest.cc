@@ -40,6 +40,7 @@ TEST_F(MonitoredProcessTest, CreationRefusesANullBinaryOrLibPath) {
                                    nullptr, 0, 0),
             nullptr);
   EXPECT_EQ(log_.Count("Can't create monitored process object with a null binary"), 2u);
+  EXPECT_FALSE(log_.Contains("Destroying"));
 }
 
 TEST_F(MonitoredProcessTest, CreationRefusesMoreHandlersThanCommandIds) {
@@ -47,6 +48,7 @@ TEST_F(MonitoredProcessTest, CreationRefusesMoreHandlersThanCommandIds) {
   auto process = Child("connect", {}, 5000, handlers, 10);
   EXPECT_EQ(process, nullptr);
   EXPECT_TRUE(log_.Contains("Failed registering handler (command ID 10) for qwd_test_child\n"));
+  EXPECT_FALSE(log_.Contains("Destroying"));
 }
 
 TEST_F(MonitoredProcessTest, CreatedEntityIsNotRunningAndDestructionIsLogged) {
