@@ -27,33 +27,23 @@ void Threshold::AddStartEvent() { events_[index_].startTime = NowSec(); }
 bool Threshold::AddFailureEvent() {
   events_[index_].failureTime = NowSec();
 
-  // Keep the exits and their order as they are: the restart policy's worked
-  // cases depend on them. The walk may come round to the newest slot again
-  // after a full turn; the count test ends it then, after numEvents + 1 steps.
+  // Walk back from the newest run while the runs counted so far stay below
+  // the budget. Counting stops at numEvents, where the answer is settled, so
+  // the walk never comes round to the newest slot again.
   uint32_t cursor = index_;
   int32_t count = 0;
   int32_t total = 0;
-  bool met = false;
-  for (;;) {
-    if (count > numEvents_) {
-      met = true;
-      break;
-    }
-    const Event& event = events_[cursor];
-    if (total >= numSeconds_ || event.startTime == 0) {
-      met = count >= numEvents_;
-      break;
-    }
+  while (count < numEvents_ && total < numSeconds_ && events_[cursor].startTime != 0) {
     ++count;
     // Unsigned difference, added modulo 2^32: a slot whose start was written
-    // after its failure counts as a wrapped duration, as it always has.
-    total =
-        static_cast<int32_t>(static_cast<uint32_t>(total) + (event.failureTime - event.startTime));
+    // after its failure counts as a wrapped duration.
+    total = static_cast<int32_t>(static_cast<uint32_t>(total) +
+                                 (events_[cursor].failureTime - events_[cursor].startTime));
     cursor = cursor == 0 ? static_cast<uint32_t>(numEvents_) - 1 : cursor - 1;
   }
 
   index_ = (index_ + 1) % static_cast<uint32_t>(numEvents_);
-  return met;
+  return count == numEvents_;
 }
 
 void Threshold::ResetEvents() {
