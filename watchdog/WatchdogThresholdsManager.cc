@@ -166,8 +166,6 @@ void SwitchMode(uint32_t newMode) {
   g_concurrentViolations = 0;
 }
 
-uint32_t GetCurrentMode() { return g_currentMode; }
-
 void Teardown() {
   for (uint32_t mode = 0; mode < OPERATIONAL_MODE_NUM_OF; ++mode) {
     for (uint32_t i = 0; i < g_policyCounts[mode]; ++i) policies[mode][i].threshold.reset();

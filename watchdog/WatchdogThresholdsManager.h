@@ -49,11 +49,10 @@ PolicyResult AddFailureEvent(int32_t& sleepSeconds);
 // last start the delay starts again from DelayTimeIncreaseSec.
 void NotifyRunning();
 
-// Clears every threshold and the violations; switching to the current mode
-// is logged as an error and changes nothing.
+// Clears every threshold and the violations. Switching to the current mode
+// is logged as an error and changes nothing; an unknown mode is refused with
+// an assertion line, since it would index past the policy table.
 void SwitchMode(uint32_t newMode);
-
-uint32_t GetCurrentMode();
 
 // Releases the thresholds of the enabled policies.
 void Teardown();
