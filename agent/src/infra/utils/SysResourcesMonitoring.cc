@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <memory>
 #include <new>
 
@@ -46,6 +47,7 @@ constexpr StatusKey kStatusKeys[] = {
     {"PPid:", nullptr, &ProcessStatus::ppid},     {"Threads:", nullptr, &ProcessStatus::threads},
     {"FDSize:", nullptr, &ProcessStatus::fdSize},
 };
+constexpr uint32_t kAllStatusKeys = (1u << std::size(kStatusKeys)) - 1;
 constexpr char kBlanks[] = " \t\n\v\f\r";  // what "%s" stops at
 
 // The reader opens lazily; opening here tells a process that has gone (an
@@ -63,10 +65,12 @@ std::unique_ptr<FileReader> OpenLineReader(const char* path, bool mayVanish) {
 // Keys are whole first words of the line, values the next word, both cut at
 // 99 characters. Most lines hold keys that are not wanted: the key is matched
 // before the value is scanned, which keeps the watch-cycle check cheap.
-void ParseStatusLine(const char* line, ProcessStatus& status) {
+// Returns the bit of the key that the line filled, 0 for any other line.
+uint32_t ParseStatusLine(const char* line, ProcessStatus& status) {
   const char* word = line + std::strspn(line, kBlanks);
   const size_t length = std::strcspn(word, kBlanks);
-  for (const StatusKey& key : kStatusKeys) {
+  for (size_t i = 0; i < std::size(kStatusKeys); ++i) {
+    const StatusKey& key = kStatusKeys[i];
     if (std::strlen(key.key) != length || std::memcmp(word, key.key, length) != 0) continue;
     char value[kWordSize] = "";
     std::sscanf(word + length, "%99s", value);
@@ -75,8 +79,9 @@ void ParseStatusLine(const char* line, ProcessStatus& status) {
     } else {
       status.*key.number = std::atoi(value);
     }
-    return;
+    return 1u << i;
   }
+  return 0;
 }
 
 // Every readable process's status, in the order of the root's listing.
@@ -200,8 +205,13 @@ StatusCode ReadProcessStatus(ProcessStatus& status, int32_t pid) {
 
   status = ProcessStatus{};
   status.pid = pid;
+  // The kernel writes each key once, so the read ends with the last wanted
+  // one: the rest of the file (signal masks, CPU lists) costs further reads.
+  uint32_t found = 0;
   char line[kLineSize];
-  while (reader->ReadLine(line, kLineSize) > 0) ParseStatusLine(line, status);
+  while (found != kAllStatusKeys && reader->ReadLine(line, kLineSize) > 0) {
+    found |= ParseStatusLine(line, status);
+  }
   return StatusCode::SUCCESS;
 }
 
