@@ -24,6 +24,10 @@ constexpr uint32_t kComponent = LOGGER_COMPONENT_INFRA_UTILS;
 constexpr int32_t kLineSize = 512;
 constexpr size_t kPathSize = 512;
 constexpr size_t kWordSize = 100;  // the parse formats below read at most 99 characters
+// Parents of zombies counted by one scan; the rest are only logged.
+constexpr uint32_t kMaxZombieSpawners = 20;
+// Extra status records allocated over the counted processes, for those born meanwhile.
+constexpr int32_t kProcessListHeadroom = 20;
 
 struct MeminfoField {
   const char* name;

@@ -18,10 +18,6 @@
 namespace SysResMon {
 
 constexpr size_t kProcNameSize = 256;
-// Parents of zombies counted by one scan; the rest are only logged.
-constexpr uint32_t kMaxZombieSpawners = 20;
-// Extra status records allocated over the counted processes, for those born meanwhile.
-constexpr int32_t kProcessListHeadroom = 20;
 // Step of resident size growth, in kB, that the callers report at.
 constexpr int32_t kMemoryStepKb = 1024;
 
@@ -77,8 +73,9 @@ void CheckProcessResConsumption(const char* name, int32_t pid, int32_t memorySte
                                 int32_t& highestRssKb, int32_t& highestFds);
 
 // One pass over every process: zombies (state "Z") and the threads of all
-// processes, with the parents that leave zombies logged. Null outputs are
-// reported and then not written.
+// processes, with the parents that leave zombies logged; parents beyond the
+// first 20 are reported as not counted, their zombies still are. Null outputs
+// are reported and then not written.
 StatusCode MonitorZombiesAndThreads(int32_t* zombiesCountOut, int32_t* systemThreadsCountOut);
 
 }  // namespace SysResMon
