@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+#include <vector>
+
 #include "tests/support/FakeClock.h"
 #include "tests/support/LogCapture.h"
 
@@ -15,84 +18,56 @@ class ThresholdTest : public ::testing::Test {
     clock_.Advance(seconds * 1000LL);
     return t.AddFailureEvent();
   }
-  // `runs` runs of `seconds` each; returns the answer of the last failure.
-  bool Runs(Threshold& t, int runs, int seconds) {
-    bool met = false;
-    for (int i = 0; i < runs; ++i) met = Run(t, seconds);
-    return met;
-  }
 
   FakeClock clock_;
   LogCapture log_;
 };
 
-TEST_F(ThresholdTest, TenRunsMeetTenInNineHundredOnlyWhileTheNewestNineStayBelowIt) {
-  std::unique_ptr<Threshold> quick = Threshold::Create(10, 900);
-  std::unique_ptr<Threshold> slow = Threshold::Create(10, 900);
-  std::unique_ptr<Threshold> edge = Threshold::Create(10, 900);
-  ASSERT_TRUE(quick && slow && edge);
-  EXPECT_FALSE(Runs(*quick, 9, 60));  // the ring is not full yet
-  EXPECT_TRUE(Run(*quick, 60));       // the newest nine total 540 s
-  EXPECT_TRUE(Run(*quick, 60));
-  EXPECT_FALSE(Runs(*slow, 20, 100));  // the walk stops after nine runs, at 900 s
-  EXPECT_TRUE(Runs(*edge, 10, 99));
-}
-
-TEST_F(ThresholdTest, OneEventIsMetByEveryFailureWhateverItsDuration) {
-  std::unique_ptr<Threshold> t = Threshold::Create(1, 5);
-  ASSERT_NE(nullptr, t);
-  EXPECT_TRUE(Run(*t, 1));
-  EXPECT_TRUE(Run(*t, 3600));
-  EXPECT_TRUE(Run(*t, 0));
-}
-
-TEST_F(ThresholdTest, NoBudgetIsNeverMet) {
-  for (int seconds : {0, -5}) {
-    std::unique_ptr<Threshold> t = Threshold::Create(1, seconds);
+TEST_F(ThresholdTest, RunsMeetTheThresholdOnlyWhileTheNewestStayBelowTheBudget) {
+  struct Case {
+    int32_t numEvents, numSeconds;
+    std::vector<int> runs;
+    std::string met;  // one '1' or '0' per run
+  };
+  const Case cases[] = {
+      {10, 900, std::vector<int>(11, 60), "00000000011"},          // the newest nine total 540 s
+      {10, 900, std::vector<int>(20, 100), std::string(20, '0')},  // nine runs reach 900 s
+      {10, 900, std::vector<int>(10, 99), "0000000001"},
+      {1, 5, {1, 3600, 0}, "111"},  // one event: every failure, whatever its duration
+      {1, 0, {0, 0}, "00"},         // no budget: nothing ever counts
+      {1, -5, {0, 0}, "00"},
+      {2, 100, {90, -10}, "01"},  // a run ending before it began wraps to -10 s
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::to_string(c.numEvents) + "/" + std::to_string(c.numSeconds) + " " + c.met);
+    std::unique_ptr<Threshold> t = Threshold::Create(c.numEvents, c.numSeconds);
     ASSERT_NE(nullptr, t);
-    EXPECT_FALSE(Runs(*t, 5, 0)) << seconds;
+    std::string met;
+    for (int seconds : c.runs) met += Run(*t, seconds) ? '1' : '0';
+    EXPECT_EQ(c.met, met);
   }
 }
 
-TEST_F(ThresholdTest, FailureWithoutAnyStartIsNotMetAlsoAfterReset) {
-  std::unique_ptr<Threshold> t = Threshold::Create(3, 50);
+TEST_F(ThresholdTest, FailureWithoutItsStartUsesWhateverTheSlotLastHeld) {
+  std::unique_ptr<Threshold> t = Threshold::Create(2, 100);
   ASSERT_NE(nullptr, t);
+  EXPECT_FALSE(t->AddFailureEvent());  // a fresh ring has no start
+  EXPECT_FALSE(Run(*t, 10));
+  EXPECT_TRUE(Run(*t, 10));
+  clock_.Advance(200 * 1000);
+  // The slot keeps its start of 220 s ago: the newest run alone uses up the budget.
   EXPECT_FALSE(t->AddFailureEvent());
-  EXPECT_TRUE(Runs(*t, 3, 1));
   t->ResetEvents();
   EXPECT_FALSE(t->AddFailureEvent());
-  EXPECT_FALSE(Runs(*t, 2, 1));
+  EXPECT_FALSE(Run(*t, 1));
   EXPECT_TRUE(Run(*t, 1));
-  EXPECT_EQ(3, t->GetNumberOfEvents());
-  EXPECT_EQ(50, t->GetNumberOfSeconds());
-}
-
-TEST_F(ThresholdTest, FailureWithoutItsStartIsMeasuredFromAnEarlierTurn) {
-  std::unique_ptr<Threshold> t = Threshold::Create(2, 100);
-  ASSERT_NE(nullptr, t);
-  EXPECT_FALSE(Run(*t, 10));  // slot 0
-  EXPECT_TRUE(Run(*t, 10));   // slot 1
-  clock_.Advance(200 * 1000);
-  // Slot 0 keeps its start of 220 s ago: the newest run alone now uses up the budget.
-  EXPECT_FALSE(t->AddFailureEvent());
-}
-
-TEST_F(ThresholdTest, DurationsAreUnsignedDifferencesAddedModuloTheWord) {
-  std::unique_ptr<Threshold> t = Threshold::Create(2, 100);
-  ASSERT_NE(nullptr, t);
-  EXPECT_FALSE(Run(*t, 90));
-  // A run that ends 10 s before it began wraps to -10 in the signed total,
-  // so the 90 s run before it still fits in the budget.
-  EXPECT_TRUE(Run(*t, -10));
 }
 
 TEST_F(ThresholdTest, EmptyRingIsRefused) {
   EXPECT_EQ(nullptr, Threshold::Create(0, 900));
   EXPECT_EQ(nullptr, Threshold::Create(-1, 900));
   EXPECT_EQ(2u, log_.Count(LoggerLevel::ERROR, "ASSERT FAILED: numEvents >= 1 \n"));
-  for (const LogCapture::Line& line : log_.Lines()) {
-    EXPECT_EQ(LOGGER_COMPONENT_INFRA_THRESHOLD, line.component);
-  }
+  EXPECT_EQ(LOGGER_COMPONENT_INFRA_THRESHOLD, log_.Lines().front().component);
 }
 
 }  // namespace
