@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <utility>
 
 #include "tests/support/FakeClock.h"
 #include "tests/support/LogCapture.h"
@@ -11,6 +12,12 @@
 namespace WTM = WatchdogThresholdsManager;
 
 namespace {
+
+// A policy result with the sleep that comes with it.
+using Decision = std::pair<uint32_t, int32_t>;
+constexpr Decision kNow{POLICY_RESULT_NONE, 0};
+constexpr Decision kSafeMode{POLICY_RESULT_SAFE_MODE, 0};
+constexpr Decision Delay(int32_t seconds) { return {POLICY_RESULT_DELAY, seconds}; }
 
 class WatchdogThresholdsManagerTest : public ::testing::Test {
  protected:
@@ -21,33 +28,30 @@ class WatchdogThresholdsManagerTest : public ::testing::Test {
   }
 
   // One pass of the supervision loop: start, `seconds` of running, failure.
-  PolicyResult Run(int seconds) {
+  Decision Run(int seconds) {
     WTM::AddStartEvent();
-    clock_.Advance(seconds * 1000LL);
-    sleep_ = -1;
-    return WTM::AddFailureEvent(sleep_);
+    return Fail(seconds);
   }
-  void SetPolicy(uint32_t firstKey, int32_t numEvents, int32_t durationSec, int32_t result) {
-    Config::SetIntValue(firstKey, numEvents);
-    Config::SetIntValue(firstKey + 1, durationSec);
-    Config::SetIntValue(firstKey + 2, result);
+  Decision Fail(int afterSeconds) {
+    clock_.Advance(afterSeconds * 1000LL);
+    int32_t sleep = -1;
+    const uint32_t result = WTM::AddFailureEvent(sleep);
+    return {result, sleep};
+  }
+  // `count` runs of `seconds` each; the last decision.
+  Decision Runs(int count, int seconds) {
+    Decision last{};
+    for (int i = 0; i < count; ++i) last = Run(seconds);
+    return last;
   }
 
   FakeClock clock_;
   LogCapture log_;
-  int32_t sleep_ = -1;
 };
 
 TEST_F(WatchdogThresholdsManagerTest, QuickRunsDelayMoreEachTimeUntilTenGiveSafeMode) {
   ASSERT_EQ(StatusCode::SUCCESS, WTM::Init());
-  for (int i = 1; i <= 4; ++i) {
-    EXPECT_EQ(POLICY_RESULT_NONE, Run(10)) << i;
-    EXPECT_EQ(0, sleep_);
-  }
-  for (int i = 5; i <= 9; ++i) {
-    EXPECT_EQ(POLICY_RESULT_DELAY, Run(10)) << i;
-    EXPECT_EQ((i - 4) * 10, sleep_);
-  }
+  for (int i = 1; i <= 9; ++i) EXPECT_EQ(i < 5 ? kNow : Delay((i - 4) * 10), Run(10)) << i;
   EXPECT_EQ(5u, log_.Count(LoggerLevel::INFO,
                            "Policy at idx 1 for mode 0 with 5 events at 300 seconds was met! "
                            "changing result 0 -> 1\n"));
@@ -55,124 +59,100 @@ TEST_F(WatchdogThresholdsManagerTest, QuickRunsDelayMoreEachTimeUntilTenGiveSafe
                            "4 -> 5\n"));
   EXPECT_EQ(1u, log_.Count("Current or previous policy violation resulted in sleeping 50 "
                            "seconds\n"));
-
-  EXPECT_EQ(POLICY_RESULT_SAFE_MODE, Run(10));
-  EXPECT_EQ(0, sleep_);
+  EXPECT_EQ(kSafeMode, Run(10));
   EXPECT_EQ(1u, log_.Count("Policy at idx 0 for mode 0 with 10 events at 900 seconds was met! "
                            "changing result 0 -> 2\n"));
 }
 
 TEST_F(WatchdogThresholdsManagerTest, DelayIsCappedAtTheMaximum) {
   ASSERT_EQ(StatusCode::SUCCESS, WTM::Init());
-  // One long run and four quick ones: the quick-run policy is met once per
-  // five runs while the ten-run policy never is.
+  // One long run and four quick ones: only the five-run policy is ever met.
   for (int violation = 1; violation <= 62; ++violation) {
     Run(1000);
-    for (int quick = 0; quick < 3; ++quick) Run(10);
-    ASSERT_EQ(POLICY_RESULT_DELAY, Run(10));
-    ASSERT_EQ(std::min(violation * 10, 600), sleep_) << violation;
+    ASSERT_EQ(Delay(std::min(violation * 10, 600)), Runs(4, 10)) << violation;
   }
-  EXPECT_FALSE(log_.Contains("changing result 0 -> 2"));
 }
 
 TEST_F(WatchdogThresholdsManagerTest, DelayStartsAgainAfterHealthyRunning) {
   ASSERT_EQ(StatusCode::SUCCESS, WTM::Init());
-  for (int i = 0; i < 6; ++i) Run(10);
-  EXPECT_EQ(20, sleep_);
-
+  EXPECT_EQ(Delay(20), Runs(6, 10));
   WTM::AddStartEvent();
   clock_.Advance(900 * 1000);
   WTM::NotifyRunning();  // exactly the clean-up period: not yet
-  EXPECT_EQ(POLICY_RESULT_DELAY, WTM::AddFailureEvent(sleep_));
-  EXPECT_EQ(20, sleep_);  // an earlier violation still delays a restart that met no policy
+  // An earlier violation still delays a restart that met no policy.
+  EXPECT_EQ(Delay(20), Fail(0));
 
   WTM::AddStartEvent();
   clock_.Advance(901 * 1000);
   WTM::NotifyRunning();
   EXPECT_EQ(1u, log_.Count(LoggerLevel::INFO, "Nullifying concurrent violations, was 2\n"));
-  EXPECT_EQ(POLICY_RESULT_NONE, WTM::AddFailureEvent(sleep_));
-  EXPECT_EQ(0, sleep_);
-  for (int i = 0; i < 4; ++i) Run(10);
-  EXPECT_EQ(10, sleep_);
+  EXPECT_EQ(kNow, Fail(0));
+  EXPECT_EQ(Delay(10), Runs(4, 10));
 }
 
 TEST_F(WatchdogThresholdsManagerTest, SafeModeDelaysEveryFailureAndSameModeKeepsTheCounter) {
   ASSERT_EQ(StatusCode::SUCCESS, WTM::Init());
-  for (int i = 0; i < 5; ++i) Run(10);
-  EXPECT_EQ(10, sleep_);
-
+  Runs(5, 10);
   WTM::SwitchMode(OPERATIONAL_MODE_NORMAL);
   EXPECT_EQ(1u, log_.Count(LoggerLevel::ERROR, "Switching from mode 0 to itself?\n"));
-  Run(10);
-  EXPECT_EQ(20, sleep_);
+  EXPECT_EQ(Delay(20), Run(10));
 
   WTM::SwitchMode(OPERATIONAL_MODE_SAFE);
   EXPECT_EQ(1u, log_.Count(LoggerLevel::INFO, "Switching modes 0 -> 1\n"));
-  EXPECT_EQ(POLICY_RESULT_DELAY, Run(3600));
-  EXPECT_EQ(10, sleep_);
-  EXPECT_EQ(POLICY_RESULT_DELAY, Run(1));
-  EXPECT_EQ(20, sleep_);
+  EXPECT_EQ(Delay(10), Run(3600));
+  EXPECT_EQ(Delay(20), Run(1));
 
   // Back in normal mode the rings start empty: four quick runs meet nothing.
   WTM::SwitchMode(OPERATIONAL_MODE_NORMAL);
-  for (int i = 0; i < 4; ++i) EXPECT_EQ(POLICY_RESULT_NONE, Run(10));
+  EXPECT_EQ(kNow, Runs(4, 10));
   WTM::SwitchMode(7);
   EXPECT_EQ(1u,
             log_.Count(LoggerLevel::ERROR, "ASSERT FAILED: newMode < OPERATIONAL_MODE_NUM_OF \n"));
-  EXPECT_EQ(POLICY_RESULT_DELAY, Run(10));  // still normal mode, fifth quick run
+}
+
+TEST_F(WatchdogThresholdsManagerTest, OddSettingsDecideTheLastOfTenSecondRuns) {
+  struct Case {
+    uint32_t key;
+    int32_t value;
+    int runs;
+    Decision decision;
+  };
+  const Case cases[] = {
+      {CFG_NORMAL1_RESULT, 3, 10, {3, 0}},                // above safe mode wins, without sleep
+      {CFG_MAX_DELAY_PERIOD_SEC, -1, 5, Delay(10)},       // no cap at all
+      {CFG_DELAY_TIME_INCREASE_SEC, -10, 5, Delay(600)},  // a huge step, capped
+      {CFG_NORMAL1_RESULT, 0, 6, kNow},                   // policy 1 alone is never walked
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.key);
+    Config::ResetToDefaults();
+    Config::SetIntValue(c.key, c.value);
+    ASSERT_EQ(StatusCode::SUCCESS, WTM::Init());
+    EXPECT_EQ(c.decision, Runs(c.runs, 10));
+    WTM::Teardown();
+  }
+  EXPECT_EQ(1u, log_.Count("with 10 events at 900 seconds was met! changing result 0 -> 3\n"));
+  // The disabled policy 0 is reported at every start and failure instead of dereferenced.
+  EXPECT_EQ(12u, log_.Count(LoggerLevel::ERROR,
+                            "ASSERT FAILED: NULL != policies[g_currentMode][i].threshold \n"));
 }
 
 TEST_F(WatchdogThresholdsManagerTest, SafeModeResultStopsTheWalkBeforeLaterPolicies) {
-  SetPolicy(CFG_NORMAL1_NUM_EVENTS, 2, 15, POLICY_RESULT_SAFE_MODE);
-  SetPolicy(CFG_NORMAL2_NUM_EVENTS, 3, 1000, POLICY_RESULT_DELAY);
+  Config::SetIntValue(CFG_NORMAL1_NUM_EVENTS, 2);
+  Config::SetIntValue(CFG_NORMAL1_DURATION_SEC, 15);
+  Config::SetIntValue(CFG_NORMAL2_NUM_EVENTS, 3);
+  Config::SetIntValue(CFG_NORMAL2_DURATION_SEC, 1000);
   ASSERT_EQ(StatusCode::SUCCESS, WTM::Init());
-  EXPECT_EQ(POLICY_RESULT_NONE, Run(10));
-  EXPECT_EQ(POLICY_RESULT_SAFE_MODE, Run(10));
+  EXPECT_EQ(kSafeMode, Runs(2, 10));
   // The second policy never saw that failure, so it has counted two runs, not three.
-  EXPECT_EQ(POLICY_RESULT_NONE, Run(20));
-  EXPECT_EQ(0, sleep_);
+  EXPECT_EQ(kNow, Run(20));
 }
 
-TEST_F(WatchdogThresholdsManagerTest, ResultAboveSafeModeWinsAndIsReturnedWithoutSleep) {
-  Config::SetIntValue(CFG_NORMAL1_RESULT, 3);
-  ASSERT_EQ(StatusCode::SUCCESS, WTM::Init());
-  for (int i = 0; i < 9; ++i) Run(10);
-  EXPECT_EQ(3u, static_cast<uint32_t>(Run(10)));
-  EXPECT_EQ(0, sleep_);
-  EXPECT_EQ(1u, log_.Count("with 10 events at 900 seconds was met! changing result 0 -> 3\n"));
-}
-
-TEST_F(WatchdogThresholdsManagerTest, DelaySettingsCompareAsUnsigned) {
-  Config::SetIntValue(CFG_MAX_DELAY_PERIOD_SEC, -1);
-  ASSERT_EQ(StatusCode::SUCCESS, WTM::Init());
-  for (int i = 0; i < 5; ++i) Run(10);
-  EXPECT_EQ(10, sleep_);  // a negative maximum is no cap at all
-  WTM::Teardown();
-
-  Config::ResetToDefaults();
-  Config::SetIntValue(CFG_DELAY_TIME_INCREASE_SEC, -10);
-  ASSERT_EQ(StatusCode::SUCCESS, WTM::Init());
-  for (int i = 0; i < 5; ++i) Run(10);
-  EXPECT_EQ(600, sleep_);  // a negative step is a huge one, capped
-}
-
-TEST_F(WatchdogThresholdsManagerTest, DisabledFirstPolicyIsReportedNotDereferenced) {
-  Config::SetIntValue(CFG_NORMAL1_RESULT, 0);
-  ASSERT_EQ(StatusCode::SUCCESS, WTM::Init());
-  for (int i = 0; i < 6; ++i) EXPECT_EQ(POLICY_RESULT_NONE, Run(10));
-  EXPECT_EQ(12u, log_.Count(LoggerLevel::ERROR,
-                            "ASSERT FAILED: NULL != policies[g_currentMode][i].threshold \n"));
-  EXPECT_FALSE(log_.Contains("was met"));
-}
-
-TEST_F(WatchdogThresholdsManagerTest, EnabledPolicyWithoutEventsFailsInit) {
+TEST_F(WatchdogThresholdsManagerTest, EnabledPolicyWithoutEventsFailsInitAndNothingCounts) {
   Config::SetIntValue(CFG_SAFE1_NUM_EVENTS, 0);
   EXPECT_EQ(StatusCode::OUT_OF_MEMORY, WTM::Init());
   EXPECT_EQ(1u, log_.Count(LoggerLevel::ERROR, "Failed to create watchdog threshold \n"));
-  EXPECT_EQ(1u, log_.Count(LoggerLevel::ERROR, "ASSERT FAILED: numEvents >= 1 \n"));
-  // No policy counts, so failures restart at once.
-  EXPECT_EQ(POLICY_RESULT_NONE, Run(1));
-  EXPECT_EQ(0, sleep_);
+  EXPECT_EQ(kNow, Run(1));
 }
 
 }  // namespace
