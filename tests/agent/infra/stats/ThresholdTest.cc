@@ -36,7 +36,9 @@ TEST_F(ThresholdTest, RunsMeetTheThresholdOnlyWhileTheNewestStayBelowTheBudget) 
       {1, 5, {1, 3600, 0}, "111"},  // one event: every failure, whatever its duration
       {1, 0, {0, 0}, "00"},         // no budget: nothing ever counts
       {1, -5, {0, 0}, "00"},
-      {2, 100, {90, -10}, "01"},  // a run ending before it began wraps to -10 s
+      {2, 100, {90, -10}, "01"},
+      {3, 100, {200, 10, 10}, "001"},  // the walk goes back to the newest runs, not the oldest  //
+                                       // a run ending before it began wraps to -10 s
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(std::to_string(c.numEvents) + "/" + std::to_string(c.numSeconds) + " " + c.met);
