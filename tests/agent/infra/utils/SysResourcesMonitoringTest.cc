@@ -121,10 +121,6 @@ TEST_F(SysResMonTest, CountsLeaveOutDotEntriesAndEntriesThatAreNoProcess) {
   EXPECT_EQ(1u, log_.Count(LoggerLevel::ERROR, "num can't be NULL"));
   EXPECT_EQ(StatusCode::FAILURE, SysResMon::GetNumOpenFileDescriptors(&n, 11));
   EXPECT_EQ(1u, log_.Count("Failed to count files in directory [" + Path("11/fd") + "] \n"));
-
-  SetProcRoot(Path("absent").c_str());
-  EXPECT_EQ(-1, SysResMon::CountProcesses());
-  EXPECT_EQ(1u, log_.Count("Can't read directory " + Path("absent") + "\n"));
 }
 
 TEST_F(SysResMonTest, PeaksAreLoggedOnlyAfterAFullMemoryStepOrAnExtraDescriptor) {
@@ -152,12 +148,10 @@ TEST_F(SysResMonTest, VanishedProcessIsAFailureOfItsOwnNotAnError) {
   EXPECT_EQ(StatusCode::INVALID_PARAM, SysResMon::ReadProcessStatus(st, 0));
   EXPECT_EQ(1u, log_.Count(LoggerLevel::ERROR, "PID can't be less than 1\n"));
   AddVanished(4242);
-  EXPECT_EQ(StatusCode::FAILURE, SysResMon::ReadProcessStatus(st, 4242));
-  EXPECT_EQ(1u, log_.Count(LoggerLevel::DEBUG, "/4242/status' file reader object\n"));
-
   int32_t highestRss = 7;
   int32_t highestFds = 7;
   SysResMon::CheckProcessResConsumption("gone", 4242, 1024, highestRss, highestFds);
+  EXPECT_EQ(1u, log_.Count(LoggerLevel::DEBUG, "/4242/status' file reader object\n"));
   EXPECT_EQ(1u, log_.Count(LoggerLevel::ERROR, "Can't read process status for PID 4242, ret 3\n"));
   // Status readable, descriptors not: the memory part still counts, under the status name.
   Write("556/status", "Name:\tx\nVmRSS:\t5000 kB\n");
@@ -202,6 +196,7 @@ TEST_F(SysResMonTest, ZombieScanGoesOnPastAFullSpawnerTableOrphansAndVanishedPro
 
   SetProcRoot(Path("absent").c_str());
   EXPECT_EQ(StatusCode::FAILURE, SysResMon::MonitorZombiesAndThreads(&zombies, &threads));
+  EXPECT_EQ(1u, log_.Count(LoggerLevel::ERROR, "Can't read directory " + Path("absent") + "\n"));
   EXPECT_EQ(1u, log_.Count(LoggerLevel::ERROR, "Can't read number of pids\n"));
 }
 
