@@ -39,18 +39,19 @@ bool CopyStoredHeader(char* buffer, size_t* length) {
   return true;
 }
 
-bool CreateFileIfMissing(const char* path) {
-  if (access(path, F_OK) == 0) return true;
-  const int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kLogFileMode);  // creat()
+// The size the file has on disk, creating it (empty, mode 0644) when missing;
+// false when it cannot be created.
+bool SizeOnDiskCreatingIfMissing(const char* path, uint32_t* size) {
+  struct stat st {};
+  if (stat(path, &st) == 0) {
+    *size = static_cast<uint32_t>(st.st_size);
+    return true;
+  }
+  const int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kLogFileMode);
   if (fd < 0) return false;
   close(fd);
+  *size = 0;
   return true;
-}
-
-uint32_t SizeOnDisk(const char* path) {
-  struct stat st {};
-  if (stat(path, &st) != 0) return 0;
-  return static_cast<uint32_t>(st.st_size);
 }
 
 }  // namespace
@@ -84,10 +85,11 @@ bool LoggerFileTarget::OpenCurrentFile() {
                                         pid_, GetGeneration(), fileIndex_)) {
     return false;
   }
-  if (!CreateFileIfMissing(path_.data())) return false;
+  uint32_t sizeOnDisk = 0;
+  if (!SizeOnDiskCreatingIfMissing(path_.data(), &sizeOnDisk)) return false;
   writer_ = CreateFileWriter(path_.data(), kWriterBufferSize);
   if (!writer_) return false;
-  currentSize_ = SizeOnDisk(path_.data());
+  currentSize_ = sizeOnDisk;
   char header[kHeaderLineSize];
   size_t headerLength = 0;
   if (!CopyStoredHeader(header, &headerLength)) return true;
