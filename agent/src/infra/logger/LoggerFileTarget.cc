@@ -132,7 +132,6 @@ bool LoggerFileTarget::SetGeneration(uint32_t generation) {
 }
 
 void LoggerFileTarget::Enable() {
-  if (IsEnabled() && writer_) return;
   if (OpenCurrentFile()) LoggerBaseTarget::Enable();
 }
 

@@ -41,12 +41,9 @@ class LoggerFileTarget final : public LoggerBaseTarget {
   // refused (false) and the file kept.
   bool SetGeneration(uint32_t generation) override;
   // Opens the current file; the target stays disabled when that fails.
-  // Enabling an enabled target keeps its file as it is.
   void Enable() override;
   // Closes the current file with the end marker.
   void Disable() override;
-
-  const char* GetPath() const { return path_.data(); }
 
  private:
   LoggerFileTarget() = default;
