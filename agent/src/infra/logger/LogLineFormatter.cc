@@ -92,9 +92,9 @@ int32_t FormatLogLineVaArgs(char* buffer, size_t capacity, const char* levelName
 
 int32_t FormatAccountIDHeaderLine(char* buffer, size_t capacity, const char* accountId) {
   if (buffer == nullptr || accountId == nullptr || capacity < kHeaderMinCapacity) return -1;
-  const int length = std::snprintf(nullptr, 0, kHeaderFormat, accountId);
+  // Bounded to the header's width, so an id that does not fit never reaches byte 100.
+  const int length = std::snprintf(buffer, kHeaderLineLength, kHeaderFormat, accountId);
   if (length < 0 || length >= kHeaderLineLength) return -1;
-  std::snprintf(buffer, capacity, kHeaderFormat, accountId);
   std::memset(buffer + length, ' ', static_cast<size_t>(kHeaderLineLength - 1 - length));
   buffer[kHeaderLineLength - 1] = '\n';
   buffer[kHeaderLineLength] = '\0';

@@ -22,8 +22,6 @@ inline constexpr size_t kMessageSize = 1024;
 inline constexpr size_t kDateTimeSize = 64;
 // The header line is always this wide: text, blanks, newline at byte 100.
 inline constexpr int32_t kHeaderLineLength = 101;
-// What marks a line as an account id header.
-inline constexpr char kHeaderLineTag[] = "{\"account_id\": \"";
 
 // vsnprintf with a visible cut: a message that does not fit ends in kTruncMark
 // (in the last 12 bytes) and the result is the capacity itself. -1 only for a
