@@ -11,9 +11,9 @@
 
 class ComponentsLogLevelManager {
  public:
-  // Stores every component's default: INFO, SNIFFER at DEBUG. False when a row
-  // of the table is missing.
-  bool Init();
+  // Stores every component's default: INFO, SNIFFER at DEBUG. The table is
+  // compiled in, so no row can be missing and this cannot fail.
+  void Init();
   // INVALID for a component of kNumConfigurationVars or more: nothing of it is
   // ever logged.
   int32_t GetComponentLogLevel(uint32_t component) const {

@@ -48,10 +48,11 @@ class Logger::LockedSection {
 
 bool Logger::InitLogger(const LoggerConfig* consoleConfig, const LoggerConfig* fileConfig,
                         const LoggerConfig* udpConfig) {
-  DestroyLogger();
   Logger& logger = instance_;
+  logger.Uninstall();
   LockedSection section(logger);
-  if (!section.Held() || !logger.levels_.Init()) return false;
+  if (!section.Held()) return false;
+  logger.levels_.Init();
   logger.ClearTargets();
   logger.generation_ = 0;
   logger.dateCache_.Invalidate();
