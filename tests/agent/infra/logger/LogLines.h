@@ -21,10 +21,11 @@ inline std::string Header(const std::string& accountId) {
          "\n";
 }
 
-// A JSON line from watchdog.c(486) at kWallClock in UTC and 1234 s since boot.
-inline std::string JsonLine(const std::string& level, const std::string& message) {
+// A JSON line from line 486 at kWallClock in UTC and 1234 s since boot.
+inline std::string JsonLine(const std::string& level, const std::string& message,
+                            const std::string& file = "watchdog.c") {
   return "{\"level\": \"" + level +
          "\", \"timestamp\": 1234, \"metadata\" : {\"router_timestamp\" : \"2023-11-14 "
-         "22:13:20\", \"c_file\": \"watchdog.c\", \"line\": 486 }, \"message\": \"" +
-         message + "\"},\n";
+         "22:13:20\", \"c_file\": \"" +
+         file + "\", \"line\": 486 }, \"message\": \"" + message + "\"},\n";
 }

@@ -83,11 +83,17 @@ TEST_F(LoggerTest, LinesAreExactJsonEscapedCutAt1024AndDroppedAt4096) {
   InitLogger();
   PrintLogLine(LOGGER_COMPONENT_WATCHDOG, "Fn", LoggerLevel::INFO, "watchdog.c", 486,
                "Entity '%s' is %s(%d).\n", "a\"b\\c\td\x01\xC3\xA9", "failed", 2);
-  PrintLogLine(LOGGER_COMPONENT_WATCHDOG, "Fn", LoggerLevel::INFO, std::string(3100, 'p').c_str(),
-               486, "%s", std::string(1000, 'm').c_str());
+  const std::string message(1000, 'm');
+  const size_t rest = JsonLine("INFO", message, "").size();
+  const std::string longest(4095 - rest, 'p');
+  for (const std::string& file : {longest + "p", longest}) {  // a line of 4096 bytes is dropped
+    PrintLogLine(LOGGER_COMPONENT_WATCHDOG, "Fn", LoggerLevel::INFO, file.c_str(), 486, "%s",
+                 message.c_str());
+  }
   Log(LoggerLevel::INFO, std::string(1100, 'm'));
   EXPECT_EQ(LogFile(), kDefaultHeader +
                            JsonLine("INFO", "Entity 'a'b/c d \xC3\xA9' is failed(2). ") +
+                           JsonLine("INFO", message, longest) +
                            JsonLine("INFO", std::string(1012, 'm') + " (trunc)..."));
 }
 
