@@ -7,9 +7,47 @@ namespace LogLineFormatter {
 
 namespace {
 
-constexpr char kJsonLineFormat[] =
-    "{\"level\": \"%s\", \"timestamp\": %ld, \"metadata\" : {\"router_timestamp\" : \"%s\", "
-    "\"c_file\": \"%s\", \"line\": %d }, \"message\": \"%s\"},\n";
+// Builds a line from pieces, never past the capacity; the line as a whole
+// fails when it would not fit strictly (room for the terminating zero).
+class LineBuilder {
+ public:
+  LineBuilder(char* buffer, size_t capacity) : buffer_(buffer), capacity_(capacity) {}
+
+  void Append(const char* text, size_t length) {
+    if (failed_ || length >= capacity_ - used_) {
+      failed_ = true;
+      return;
+    }
+    std::memcpy(buffer_ + used_, text, length);
+    used_ += length;
+  }
+  void Append(const char* text) {
+    if (text == nullptr) text = "(null)";  // as printf shows it
+    Append(text, std::strlen(text));
+  }
+  void AppendNumber(long value) {
+    char digits[24];
+    char* first = digits + sizeof(digits);
+    unsigned long magnitude = value < 0 ? 0UL - static_cast<unsigned long>(value) : value;
+    do {
+      *--first = static_cast<char>('0' + magnitude % 10);
+      magnitude /= 10;
+    } while (magnitude != 0);
+    if (value < 0) *--first = '-';
+    Append(first, static_cast<size_t>(digits + sizeof(digits) - first));
+  }
+  // Zero-terminates what was built; the length, or -1 when something did not fit.
+  int32_t Finish() {
+    if (capacity_ != 0) buffer_[used_] = '\0';
+    return failed_ ? -1 : static_cast<int32_t>(used_);
+  }
+
+ private:
+  char* buffer_;         // the caller's buffer
+  size_t capacity_;      // its size
+  size_t used_ = 0;      // bytes built so far
+  bool failed_ = false;  // a piece did not fit
+};
 constexpr char kHumanReadablePrefixFormat[] = " %s(%d): %s: %s %s ";
 constexpr char kHeaderFormat[] = "{\"account_id\": \"%s\"},";
 constexpr size_t kHeaderMinCapacity = 102;
@@ -68,10 +106,25 @@ int32_t FormatLogLineVaArgsAsJson(char* buffer, size_t capacity, const char* lev
                                 ? dateCache->Format(dateTime, sizeof(dateTime), wallClockSeconds)
                                 : FormatDateTime(dateTime, sizeof(dateTime), wallClockSeconds);
   if (dateLength == 0) return -1;
-  const int result = std::snprintf(buffer, capacity, kJsonLineFormat, levelName, monotonicSeconds,
-                                   dateTime, sourceFile, line, message);
-  if (result < 0 || static_cast<size_t>(result) >= capacity) return -1;
-  return result;
+  // Built piece by piece rather than by snprintf, which would scan the fixed
+  // text and copy the message once more on every line; the bytes are those of
+  // {"level": "%s", "timestamp": %ld, "metadata" : {"router_timestamp" : "%s",
+  // "c_file": "%s", "line": %d }, "message": "%s"},\n
+  LineBuilder json(buffer, capacity);
+  json.Append("{\"level\": \"");
+  json.Append(levelName);
+  json.Append("\", \"timestamp\": ");
+  json.AppendNumber(monotonicSeconds);
+  json.Append(", \"metadata\" : {\"router_timestamp\" : \"");
+  json.Append(dateTime, dateLength);
+  json.Append("\", \"c_file\": \"");
+  json.Append(sourceFile);
+  json.Append("\", \"line\": ");
+  json.AppendNumber(line);
+  json.Append(" }, \"message\": \"");
+  json.Append(message);
+  json.Append("\"},\n");
+  return json.Finish();
 }
 
 int32_t FormatLogLineVaArgs(char* buffer, size_t capacity, const char* levelName,
