@@ -207,6 +207,13 @@ StatusCode IpcChannel::WriteMessage(int32_t fd, const IpcHeader& header, const v
 }
 
 StatusCode IpcChannel::ServerInit() {
+  // A second start without a stop in between must not leak the listening
+  // socket of the first one: the new socket replaces it.
+  if (socketFd_ >= 0) {
+    QWD_LOG_WARN(kComponent, "Server socket of channel ID %s was still open, closing it first\n",
+                 channelId_.data());
+    UnixSocket::Close(&socketFd_);
+  }
   const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
   if (fd < 0) {
     QWD_LOG_ERROR(kComponent, "Failed creating socket for channel ID %s, errno %s\n",

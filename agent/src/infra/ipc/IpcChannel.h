@@ -66,7 +66,8 @@ class IpcChannel {
   // warning) any handler already there. INVALID_PARAM for ids from 10 on.
   virtual StatusCode RegisterHandler(int32_t commandId, IpcHandler handler, void* context);
   // Binds the channel id (its first 107 characters) and listens, backlog 2.
-  // An existing file at the path is not removed: the owner removes a stale
+  // A listening socket still open from an earlier call is closed first. An
+  // existing file at the path is not removed: the owner removes a stale
   // socket first.
   virtual StatusCode ServerInit();
   // Waits for and accepts a client; the new connection replaces the current

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -217,6 +218,23 @@ TEST_F(IpcChannelServerTest, AcceptTimesOutAndPathIsNeverUnlinked) {
   auto second = CreateIpcChannel(path_.c_str(), 0, 0, false);
   EXPECT_EQ(second->ServerInit(), StatusCode::FAILURE);
   EXPECT_TRUE(log_.Contains("Failed binding for channel ID"));
+}
+
+// Guards against a second start of a monitored process leaking its first listening socket.
+TEST_F(IpcChannelServerTest, SecondServerInitReplacesTheListeningSocket) {
+  auto openDescriptors = [] {
+    const std::filesystem::directory_iterator fds("/proc/self/fd");
+    return std::distance(begin(fds), end(fds));
+  };
+  const auto before = openDescriptors();
+  unlink(path_.c_str());
+  EXPECT_EQ(server_->ServerInit(), StatusCode::SUCCESS);
+  EXPECT_EQ(openDescriptors(), before);
+  EXPECT_TRUE(log_.Contains("was still open, closing it first"));
+  const int second = RawConnect(path_);
+  EXPECT_GE(second, 0);
+  EXPECT_EQ(server_->ServerAccept(1000), StatusCode::SUCCESS);
+  close(second);
 }
 
 TEST_F(IpcChannelServerTest, RegisterHandlerRefusesIdTenAndWarnsOnReplace) {
