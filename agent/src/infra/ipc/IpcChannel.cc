@@ -41,8 +41,7 @@ StatusCode IpcChannel::IpcChannelCtor(const char* channelId, uint32_t maxRequest
   SafeStrCopy(channelId_, channelId);
   maxRequestSize_ = maxRequestSize;
   replyBufferSize_ = replyBufferSize;
-  threadSafe_ = threadSafe;
-  if (threadSafe_) {
+  if (threadSafe) {
     int rc = pthread_mutexattr_init(&mutexAttr_);
     if (rc != 0) {
       QWD_LOG_ERROR(kComponent, "Failed initializing mutex attribs, got %d\n", rc);
@@ -61,7 +60,8 @@ StatusCode IpcChannel::IpcChannelCtor(const char* channelId, uint32_t maxRequest
       pthread_mutexattr_destroy(&mutexAttr_);
       return StatusCode::FAILURE;
     }
-    mutexReady_ = true;
+    // Set only now, so that the destructor never destroys a mutex that was not made.
+    threadSafe_ = true;
   }
   if (maxRequestSize_ != 0) {
     requestBuffer_.reset(new (std::nothrow) uint8_t[maxRequestSize_]());
@@ -88,7 +88,7 @@ StatusCode IpcChannel::IpcChannelCtor(const char* channelId, uint32_t maxRequest
 IpcChannel::~IpcChannel() {
   UnixSocket::Close(&connectionFd_);
   UnixSocket::Close(&socketFd_);
-  if (mutexReady_) {
+  if (threadSafe_) {
     pthread_mutex_destroy(&mutex_);
     pthread_mutexattr_destroy(&mutexAttr_);
   }

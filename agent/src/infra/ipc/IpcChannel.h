@@ -124,8 +124,7 @@ class IpcChannel {
   std::unique_ptr<uint8_t[]> replyBuffer_;    // handlers' reply data, null for size 0
   uint32_t replyBufferSize_ = 0;              // bytes of replyBuffer_
   bool reconnect_ = false;   // set by Connect: SendCommand reconnects after a transport failure
-  bool threadSafe_ = false;  // client operations take mutex_
-  bool mutexReady_ = false;  // mutex_ and mutexAttr_ are initialised
+  bool threadSafe_ = false;  // mutex_ is made; client operations take it
   pthread_mutex_t mutex_{};  // recursive, for thread-safe channels
   pthread_mutexattr_t mutexAttr_{};  // its attributes
 };
