@@ -1,5 +1,7 @@
 #include "agent/src/SystemExecGW.h"
 
+#include <sys/wait.h>
+
 #include <array>
 #include <cstdio>
 #include <cstdlib>
@@ -24,8 +26,6 @@ IpcChannel* g_channel = nullptr;
   std::fprintf(stderr, "%s:%d: %s: Assertion `%s' failed.\n", __FILE__, line, function, text);
   std::abort();
 }
-
-int32_t ExitStatus(int32_t rc) { return (rc >> 8) & 0xff; }
 
 // A control command without request data and with a 4-byte reply.
 StatusCode QueryValue(SystemExecGW::Command command, int32_t* value) {
@@ -124,7 +124,7 @@ StatusCode SystemCustomTimeout(const char* command, int32_t* rc, int32_t timeout
   if (!g_remote) {
     *rc = GetShell().System(command);
     QWD_LOG_VERBOSE(kComponent, "Command '%s' locally executed, system() rc %d, exit status %d\n",
-                    command, *rc, ExitStatus(*rc));
+                    command, *rc, WEXITSTATUS(*rc));
     return StatusCode::SUCCESS;
   }
   if (g_channel == nullptr) return StatusCode::NOT_SUPPORTED;
@@ -135,7 +135,7 @@ StatusCode SystemCustomTimeout(const char* command, int32_t* rc, int32_t timeout
                              &received, sizeof(received), timeoutMsec);
   QWD_LOG_VERBOSE(kComponent,
                   "Command '%s' remotely executed, IPC ret %s, system() rc %d, exit status %d\n",
-                  command, StatusCodeToStr(status), received, ExitStatus(received));
+                  command, StatusCodeToStr(status), received, WEXITSTATUS(received));
   *rc = received;
   return status;
 }

@@ -115,7 +115,8 @@ void IpcChannel::Unlock() {
 }
 
 StatusCode IpcChannel::RegisterHandler(int32_t commandId, IpcHandler handler, void* context) {
-  if (commandId >= static_cast<int32_t>(kIpcMaxCommands) || commandId < 0) {
+  // Negative ids are refused too: they would index before the table.
+  if (static_cast<uint32_t>(commandId) >= kIpcMaxCommands) {
     QWD_LOG_ERROR(kComponent,
                   "Trying to register server handler ID %d (max allowed %d) to IPC channel ID %s\n",
                   commandId, static_cast<int>(kIpcMaxCommands) - 1, channelId_.data());
