@@ -1,69 +1,85 @@
 #include "tests/agent/infra/ipc/IpcTestPeer.h"
 
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstring>
 
-pid_t ForkChild(const std::function<int()>& body) {
-  const pid_t pid = fork();
-  if (pid == 0) _exit(body());
-  return pid;
+#include "agent/src/infra/ipc/UnixSocket.h"
+
+int g_handlerCalls = 0;
+
+namespace {
+
+StatusCode Handle(const void* data, size_t dataLen, void* reply, size_t replySize, size_t* replyLen,
+                  void* command) {
+  ++g_handlerCalls;
+  const intptr_t id = reinterpret_cast<intptr_t>(command);
+  if (id == kHugeReply || id == kBeyondBuffer) {
+    *replyLen = id == kHugeReply ? 65537 : replySize + 100;
+    return StatusCode::SUCCESS;
+  }
+  const char* const texts[] = {static_cast<const char*>(data), "abcde", "0123456789"};
+  *replyLen = id == kEcho ? std::min(dataLen, replySize) : std::strlen(texts[id]);
+  std::memcpy(reply, texts[id], *replyLen);
+  return id == kFailWithData ? StatusCode::FAILURE : StatusCode::SUCCESS;
 }
 
-int WaitChild(pid_t pid) {
-  int status = 0;
-  if (waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) return -1;
-  return WEXITSTATUS(status);
+}  // namespace
+
+void RegisterTestHandlers(IpcChannel& server) {
+  for (intptr_t id = kEcho; id <= kBeyondBuffer; ++id) {
+    server.RegisterHandler(static_cast<int32_t>(id), Handle, reinterpret_cast<void*>(id));
+  }
 }
 
 pid_t StartServer(IpcChannel& server) {
   if (server.ServerInit() != StatusCode::SUCCESS) return -1;
-  const pid_t pid = ForkChild([&server] {
-    if (server.ServerAccept(5000) != StatusCode::SUCCESS) return 255;
-    int served = 0;
-    while (server.ServerWaitAndProcess(5000) == StatusCode::SUCCESS) served += served < 254;
-    return served;
-  });
+  const pid_t pid = fork();
+  if (pid == 0) {
+    if (server.ServerAccept(5000) == StatusCode::SUCCESS) {
+      while (server.ServerWaitAndProcess(5000) == StatusCode::SUCCESS) {
+      }
+    }
+    _exit(0);
+  }
   server.CloseServerSocket();
   return pid;
 }
 
-void KillServer(pid_t pid) {
-  kill(pid, SIGKILL);
-  WaitChild(pid);
+void KillServer(pid_t* pid) {
+  if (*pid > 0) {
+    kill(*pid, SIGKILL);
+    waitpid(*pid, nullptr, 0);
+  }
+  *pid = -1;
 }
 
 int RawConnect(const std::string& path) {
   const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
-  if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
+  const sockaddr_un address = UnixSocket::MakeAddress(path.c_str());
+  if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
     close(fd);
     return -1;
   }
   return fd;
 }
 
-bool SendRecord(int fd, const void* data, size_t size) {
-  return send(fd, data, size, MSG_NOSIGNAL) == static_cast<ssize_t>(size);
+bool SendRecord(int fd, const std::string& record) {
+  return send(fd, record.data(), record.size(), MSG_NOSIGNAL) ==
+         static_cast<ssize_t>(record.size());
 }
 
-bool SendHeader(int fd, uint32_t magic, uint32_t length, uint32_t commandId) {
+std::string Header(uint32_t magic, uint32_t length, uint32_t commandId) {
   const IpcHeader header{magic, length, commandId};
-  return SendRecord(fd, &header, sizeof(header));
+  return std::string(reinterpret_cast<const char*>(&header), sizeof(header));
 }
 
-bool ReadReply(int fd, IpcHeader* header, std::string* data, int timeoutMsec) {
-  pollfd entry{fd, POLLIN, 0};
-  if (poll(&entry, 1, timeoutMsec) != 1 || (entry.revents & POLLIN) == 0) return false;
-  if (read(fd, header, sizeof(*header)) != sizeof(*header)) return false;
+bool TakeReply(int fd, IpcHeader* header, std::string* data) {
+  if (recv(fd, header, sizeof(*header), MSG_DONTWAIT) != sizeof(*header)) return false;
   data->assign(header->length, '\0');
-  if (header->length == 0) return true;
-  return read(fd, data->data(), data->size()) == static_cast<ssize_t>(data->size());
+  return header->length == 0 ||
+         recv(fd, data->data(), data->size(), MSG_DONTWAIT) == static_cast<ssize_t>(data->size());
 }
