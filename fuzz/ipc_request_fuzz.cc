@@ -9,7 +9,6 @@
 
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -20,6 +19,7 @@
 #include <string>
 
 #include "agent/src/infra/ipc/IpcChannel.h"
+#include "agent/src/infra/ipc/UnixSocket.h"
 
 namespace {
 
@@ -99,10 +99,8 @@ Harness* GetHarness() {
 
 int Connect(const std::string& path) {
   const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
-  if (fd < 0 || connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
+  const sockaddr_un address = UnixSocket::MakeAddress(path.c_str());
+  if (fd < 0 || connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
     std::abort();
   }
   return fd;
