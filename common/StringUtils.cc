@@ -13,31 +13,35 @@ namespace {
 
 constexpr uint32_t kComponent = LOGGER_COMPONENT_COMMON;
 constexpr int kLoggedSourcePrefix = 20;
+// Control characters with a one-letter JSON escape, and their letters.
+constexpr char kShortEscaped[] = "\b\t\n\f\r";
+constexpr char kShortEscapeLetters[] = "btnfr";
 
 enum class CopyLog { kNone, kCopy, kCopyN };
 
 // Shared body of the bounded copies: returns the copied length or -1 when cut.
+// The two logging variants differ only in the run of blanks of their message.
 int32_t BoundedCopy(char* dst, size_t dstSize, const char* src, size_t srcLen, CopyLog log) {
-  const size_t capacity = dstSize - 1;
   if (dstSize == 0) return srcLen == 0 ? 0 : -1;  // no room even for the terminator
+  const size_t capacity = dstSize - 1;
   const size_t n = capacity < srcLen ? capacity : srcLen;
   std::memcpy(dst, src, n);
   dst[n] = '\0';
   if (capacity >= srcLen) return static_cast<int32_t>(n);
-  if (log == CopyLog::kCopy) {
+  if (log != CopyLog::kNone) {
     QWD_LOG_INFO(kComponent,
-                 "Can't fully copy a string - destination buffer is too small (%d) for strlen = "
-                 "%d.                         Beginning of the string: '%.*s'\n",
-                 static_cast<int>(capacity), static_cast<int>(srcLen), kLoggedSourcePrefix, src);
-  } else if (log == CopyLog::kCopyN) {
-    QWD_LOG_INFO(kComponent,
-                 "Can't fully copy a string - destination buffer is too small (%d) for strlen = "
-                 "%d.                     Beginning of the string: '%.*s'\n",
+                 log == CopyLog::kCopy
+                     ? "Can't fully copy a string - destination buffer is too small (%d) for "
+                       "strlen = %d.                         Beginning of the string: '%.*s'\n"
+                     : "Can't fully copy a string - destination buffer is too small (%d) for "
+                       "strlen = %d.                     Beginning of the string: '%.*s'\n",
                  static_cast<int>(capacity), static_cast<int>(srcLen), kLoggedSourcePrefix, src);
   }
   return -1;
 }
 
+// Logs a null argument; unlike a bare log-and-go-on, the copy is then skipped
+// (-1), since carrying on would dereference the null pointer.
 bool CheckCopyArgs(const char* dst, const char* src) {
   return QWD_ASSERT(kComponent, dst != nullptr && src != nullptr, "dest != NULL && src != NULL");
 }
@@ -145,27 +149,11 @@ bool EscapeJsonString(const char* src, char* dst, size_t dstSize) {
   for (; src[i] != '\0' && pos < dstSize - 1; ++i) {
     const auto c = static_cast<unsigned char>(src[i]);
     if (c < 0x20) {
-      int written;
-      switch (c) {
-        case '\b':
-          written = std::snprintf(dst + pos, dstSize - pos, "\\\\b");
-          break;
-        case '\t':
-          written = std::snprintf(dst + pos, dstSize - pos, "\\\\t");
-          break;
-        case '\n':
-          written = std::snprintf(dst + pos, dstSize - pos, "\\\\n");
-          break;
-        case '\f':
-          written = std::snprintf(dst + pos, dstSize - pos, "\\\\f");
-          break;
-        case '\r':
-          written = std::snprintf(dst + pos, dstSize - pos, "\\\\r");
-          break;
-        default:
-          written = std::snprintf(dst + pos, dstSize - pos, "\\\\u%04x", c);
-          break;
-      }
+      const char* shortForm = std::strchr(kShortEscaped, c);
+      const int written = shortForm != nullptr
+                              ? std::snprintf(dst + pos, dstSize - pos, "\\\\%c",
+                                              kShortEscapeLetters[shortForm - kShortEscaped])
+                              : std::snprintf(dst + pos, dstSize - pos, "\\\\u%04x", c);
       if (written < 0 || pos + static_cast<size_t>(written) >= dstSize) {
         dst[pos] = '\0';  // drop the partial escape
         return false;
