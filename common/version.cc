@@ -16,15 +16,51 @@ constexpr size_t kPrefixLen = sizeof(kPrefix) - 1;
 constexpr char kEngineering[] = "engineering";
 constexpr size_t kEngineeringLen = sizeof(kEngineering) - 1;
 
-// Reads one version number that must start with a digit and be followed by
-// '.'; advances *pos onto that '.'.
-bool ReadVersionNumber(const char** pos, uint32_t* out) {
+// Reads a decimal number that must start with a digit (no sign, no blank)
+// and moves *pos past it.
+bool ReadNumber(const char** pos, long* out) {
   if (!std::isdigit(static_cast<unsigned char>(**pos))) return false;
   char* end = nullptr;
-  const long value = std::strtol(*pos, &end, 10);
-  if (end == *pos || *end != '.') return false;
-  *out = static_cast<uint32_t>(value);
+  *out = std::strtol(*pos, &end, 10);
   *pos = end;
+  return true;
+}
+
+// Walks "<maj>.<min>.<patch>.<build>_<entity>_" filling the outputs; on failure
+// *pos is where parsing stopped.
+bool ParsePrefixData(const char** pos, char* versionOut, size_t versionSize, char* entityOut,
+                     size_t entitySize) {
+  if (std::strncmp(*pos, kPrefix, kPrefixLen) != 0) return false;
+  std::memset(versionOut, 0, versionSize);
+  std::memset(entityOut, 0, entitySize);
+  *pos += kPrefixLen;
+
+  long number[3] = {};  // major, minor, patch, each followed by '.'
+  for (long& n : number) {
+    if (!ReadNumber(pos, &n) || **pos != '.') return false;
+    ++*pos;
+  }
+  std::snprintf(versionOut, versionSize, "%u.%u.%u.", static_cast<uint32_t>(number[0]),
+                static_cast<uint32_t>(number[1]), static_cast<uint32_t>(number[2]));
+
+  if (std::strncmp(*pos, kEngineering, kEngineeringLen) == 0) {
+    // Engineering builds are named but never accepted: the position stays on
+    // the '.', so the '_' test below fails.
+    SafeStrCat(versionOut, versionSize, kEngineering);
+    --*pos;
+  } else {
+    long build = 0;
+    if (!ReadNumber(pos, &build)) return false;
+    char buildText[24];
+    std::snprintf(buildText, sizeof(buildText), "%ld", build);
+    SafeStrCat(versionOut, versionSize, buildText);
+  }
+
+  if (**pos != '_') return false;
+  ++*pos;
+  const int32_t entityLen = GetTokenByDelimiter(*pos, entityOut, entitySize, "_");
+  if (entityLen < 1 || LogEntity::GetEnumFromStr(entityOut) >= LogEntity::NUM_OF) return false;
+  *pos += entityLen + 1;
   return true;
 }
 
@@ -48,7 +84,7 @@ char* GetQuillmorVersionStr(char* dst, size_t size, bool /*unused*/) {
 char* PrepareLogFilePrefix(char* dst, size_t size, const char* logName) {
   char version[32];
   GetQuillmorVersionStr(version, sizeof(version), true);
-  std::snprintf(dst, size, "Quillmor_%s_%s", version, logName);
+  std::snprintf(dst, size, "%s%s_%s", kPrefix, version, logName);
   return dst;
 }
 
@@ -60,47 +96,7 @@ const char* ExtractPrefixDataFromLogFileName(const char* fileName, char* version
     return nullptr;
   }
   const char* pos = fileName;
-  bool parsed = false;
-  do {
-    if (std::strncmp(pos, kPrefix, kPrefixLen) != 0) break;
-    std::memset(versionOut, 0, versionSize);
-    std::memset(entityOut, 0, entitySize);
-    pos += kPrefixLen;
-
-    uint32_t major = 0, minor = 0, patch = 0;
-    if (!ReadVersionNumber(&pos, &major)) break;
-    ++pos;
-    if (!ReadVersionNumber(&pos, &minor)) break;
-    ++pos;
-    if (!ReadVersionNumber(&pos, &patch)) break;
-    std::snprintf(versionOut, versionSize, "%u.%u.%u.", major, minor, patch);
-    ++pos;
-
-    if (std::strncmp(pos, kEngineering, kEngineeringLen) == 0) {
-      // Engineering builds are named but never accepted: the position stays
-      // on the '.', so the '_' test below fails.
-      SafeStrCat(versionOut, versionSize, kEngineering);
-      --pos;
-    } else {
-      if (!std::isdigit(static_cast<unsigned char>(*pos))) break;
-      char* end = nullptr;
-      const long build = std::strtol(pos, &end, 10);
-      if (end == pos) break;
-      char buildText[24];
-      std::snprintf(buildText, sizeof(buildText), "%ld", build);
-      SafeStrCat(versionOut, versionSize, buildText);
-      pos = end;
-    }
-
-    if (*pos != '_') break;
-    ++pos;
-    const int32_t entityLen = GetTokenByDelimiter(pos, entityOut, entitySize, "_");
-    if (entityLen < 1 || LogEntity::GetEnumFromStr(entityOut) >= LogEntity::NUM_OF) break;
-    pos += entityLen + 1;
-    parsed = true;
-  } while (false);
-
-  if (!parsed) {
+  if (!ParsePrefixData(&pos, versionOut, versionSize, entityOut, entitySize)) {
     QWD_LOG_WARN(kComponent, "Failed parsing file prefix '%s'. Ignoring this file\n", pos);
     return nullptr;
   }
