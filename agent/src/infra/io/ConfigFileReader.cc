@@ -36,13 +36,10 @@ bool CopyRun(char* dst, int32_t dstSize, const char* run, size_t len) {
   return true;
 }
 
-// text starts at the opening quote; textSize counts the terminator.
-bool ReadQuotedWord(const char* text, size_t textSize, char* value, int32_t valueSize) {
+// text starts at the opening quote, so it always holds the two characters
+// (quote and terminator) that a shorter buffer would lack.
+bool ReadQuotedWord(const char* text, char* value, int32_t valueSize) {
   QWD_LOG_DEBUG(kComponent, "Reading quoted word from .cfg file\n");
-  if (textSize < 2 || text[0] != '"') {
-    QWD_LOG_WARN(kComponent, "Quoted word buffer was too short or didn't start with quote\n");
-    return false;
-  }
   const char* closing = std::strchr(text + 1, '"');
   if (closing == nullptr) {
     QWD_LOG_ERROR(kComponent, "Could not find closing quotation mark for configuration word\n");
@@ -103,9 +100,8 @@ bool ConfigFileReader::ReadKeyValue(char* key, int32_t keySize, char* value, int
   pos = SkipBlanks(line, pos + 1);
 
   const char* text = line + pos;
-  const bool valueRead = text[0] == '"'
-                             ? ReadQuotedWord(text, std::strlen(text) + 1, value, valueSize)
-                             : CopyRun(value, valueSize, text, WordLength(text));
+  const bool valueRead = text[0] == '"' ? ReadQuotedWord(text, value, valueSize)
+                                        : CopyRun(value, valueSize, text, WordLength(text));
   if (!valueRead) {
     value[0] = '\0';
     QWD_LOG_ERROR(kComponent, "Couldn't read value from line '%s'\n", line);
