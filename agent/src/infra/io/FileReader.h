@@ -32,8 +32,6 @@ class FileReader : public Reader {
   // must not take that for success).
   virtual int Seek(int64_t offset);
 
-  const char* GetPath() const { return path_.data(); }
-
  protected:
   FileReader() = default;
   // Refuses (logged) a path of 256 characters or more.

@@ -30,8 +30,6 @@ class FileWriter : public Writer {
   // True when fflush succeeds; with no open stream every output stream is flushed.
   virtual bool FileWriterFlush();
 
-  const char* GetPath() const { return path_.data(); }
-
  private:
   FileWriter() = default;
   bool FileWriterCtor(const char* path, int32_t bufferSize);
