@@ -21,132 +21,96 @@ union ConfigSlot {
 };
 static_assert(sizeof(ConfigSlot) == 132, "a value slot is 132 bytes");
 
-const char* const cfgStrs[CFG_NUM_OF_KEYS + 1] = {
-    "agentSymLinkPath",
-    "systemExecSymLinkPath",
-    "moduleSymLinkPath",
-    "controlScriptPath",
-    "teardownScriptPath",
-    "libPath",
-    "downloadDir",
-    "dnsServers",
-    "wdLogDir",
-    "wdLogPath",
-    "cpuAffinityMask",
-    "cpuCoresNumber",
-    "setLdLibPath",
-    "localVersionPath",
-    "pidFilePath",
-    "DelayTimeIncreaseSec",
-    "MaxDelayPeriodSec",
-    "ConcurrentCleanupSec",
-    "SleepOnCriticalErrorSec",
-    "CriticalErrorRetries",
-    "Normal1NumEvents",
-    "Normal1DurationSec",
-    "Normal1Result",
-    "Normal2NumEvents",
-    "Normal2DurationSec",
-    "Normal2Result",
-    "Normal3NumEvents",
-    "Normal3DurationSec",
-    "Normal3Result",
-    "Safe1NumEvents",
-    "Safe1DurationSec",
-    "Safe1Result",
-    "Safe2NumEvents",
-    "Safe2DurationSec",
-    "Safe2Result",
-    "Safe3NumEvents",
-    "Safe3DurationSec",
-    "Safe3Result",
-    "ProcModulesRetries",
-    nullptr,
+struct KeyRow {
+  const char* name;
+  ConfigValueType type;
+  ConfigSlot defaultValue;
 };
 
-constexpr ConfigValueType S = CFG_TYPE_STRING;
-constexpr ConfigValueType I = CFG_TYPE_INT;
-constexpr ConfigValueType B = CFG_TYPE_BOOL;
-const ConfigValueType cfgTypes[CFG_NUM_OF_KEYS] = {
-    S, S, S, S, S, S, S, S, S, S,  // 0..9
-    I, I, B, S, S,                 // 10..14
-    I, I, I, I, I,                 // 15..19
-    I, I, I, I, I, I, I, I, I,     // 20..28 normal-mode policies
-    I, I, I, I, I, I, I, I, I,     // 29..37 safe-mode policies
-    I,                             // 38
-};
-
-constexpr ConfigSlot Str(const char* text) {
-  ConfigSlot slot{};
-  for (size_t n = 0; text[n] != '\0'; ++n) slot.str[n] = text[n];
-  return slot;
+constexpr KeyRow Str(const char* name, const char* text) {
+  KeyRow row{name, CFG_TYPE_STRING, {}};
+  for (size_t n = 0; text[n] != '\0'; ++n) row.defaultValue.str[n] = text[n];
+  return row;
 }
-constexpr ConfigSlot Int(int32_t value) { return ConfigSlot{.i = value}; }
-constexpr ConfigSlot Bool(bool value) { return ConfigSlot{.b = static_cast<uint8_t>(value)}; }
+constexpr KeyRow Int(const char* name, int32_t value) {
+  return KeyRow{name, CFG_TYPE_INT, {.i = value}};
+}
+constexpr KeyRow Bool(const char* name, bool value) {
+  return KeyRow{name, CFG_TYPE_BOOL, {.b = static_cast<uint8_t>(value)}};
+}
 
-constexpr std::array<ConfigSlot, CFG_NUM_OF_KEYS> kDefaults = {
-    Str("/var/quillmor/quillmorUserAgent"),
-    Str("/var/quillmor/quillmorSystemExec"),
-    Str("/var/quillmor/quillmorKernelAgent"),
-    Str("/var/quillmor/quillmor_control.sh"),
-    Str("/var/quillmor/quillmor_teardown.sh"),
-    Str("/var/quillmor"),
-    Str("/var/quillmor"),
-    Str("2001:4860:4860::8888,2001:4860:4860::8844,8.8.8.8,8.8.4.4"),
-    Str("/var/log/quillmor"),
-    Str("WatchdogLogger"),
-    Int(0),       // cpuAffinityMask
-    Int(2),       // cpuCoresNumber
-    Bool(false),  // setLdLibPath
-    Str(""),      // localVersionPath
-    Str(""),      // pidFilePath
-    Int(10),      // DelayTimeIncreaseSec
-    Int(600),     // MaxDelayPeriodSec
-    Int(900),     // ConcurrentCleanupSec
-    Int(3600),    // SleepOnCriticalErrorSec
-    Int(72),      // CriticalErrorRetries
-    Int(10),
-    Int(900),
-    Int(2),  // Normal1
-    Int(5),
-    Int(300),
-    Int(1),  // Normal2
-    Int(0),
-    Int(0),
-    Int(0),  // Normal3
-    Int(1),
-    Int(5),
-    Int(1),  // Safe1
-    Int(0),
-    Int(0),
-    Int(0),  // Safe2
-    Int(0),
-    Int(0),
-    Int(0),  // Safe3
-    Int(3),  // ProcModulesRetries
+// Indexed by ConfigKey: the numbers are the keys' places here.
+constexpr KeyRow kKeys[CFG_NUM_OF_KEYS] = {
+    Str("agentSymLinkPath", "/var/quillmor/quillmorUserAgent"),
+    Str("systemExecSymLinkPath", "/var/quillmor/quillmorSystemExec"),
+    Str("moduleSymLinkPath", "/var/quillmor/quillmorKernelAgent"),
+    Str("controlScriptPath", "/var/quillmor/quillmor_control.sh"),
+    Str("teardownScriptPath", "/var/quillmor/quillmor_teardown.sh"),
+    Str("libPath", "/var/quillmor"),
+    Str("downloadDir", "/var/quillmor"),
+    Str("dnsServers", "2001:4860:4860::8888,2001:4860:4860::8844,8.8.8.8,8.8.4.4"),
+    Str("wdLogDir", "/var/log/quillmor"),
+    Str("wdLogPath", "WatchdogLogger"),
+    Int("cpuAffinityMask", 0),
+    Int("cpuCoresNumber", 2),
+    Bool("setLdLibPath", false),
+    Str("localVersionPath", ""),
+    Str("pidFilePath", ""),
+    Int("DelayTimeIncreaseSec", 10),
+    Int("MaxDelayPeriodSec", 600),
+    Int("ConcurrentCleanupSec", 900),
+    Int("SleepOnCriticalErrorSec", 3600),
+    Int("CriticalErrorRetries", 72),
+    Int("Normal1NumEvents", 10),
+    Int("Normal1DurationSec", 900),
+    Int("Normal1Result", 2),
+    Int("Normal2NumEvents", 5),
+    Int("Normal2DurationSec", 300),
+    Int("Normal2Result", 1),
+    Int("Normal3NumEvents", 0),
+    Int("Normal3DurationSec", 0),
+    Int("Normal3Result", 0),
+    Int("Safe1NumEvents", 1),
+    Int("Safe1DurationSec", 5),
+    Int("Safe1Result", 1),
+    Int("Safe2NumEvents", 0),
+    Int("Safe2DurationSec", 0),
+    Int("Safe2Result", 0),
+    Int("Safe3NumEvents", 0),
+    Int("Safe3DurationSec", 0),
+    Int("Safe3Result", 0),
+    Int("ProcModulesRetries", 3),
 };
+static_assert(kKeys[CFG_NUM_OF_KEYS - 1].name != nullptr, "a row for every key");
 
-std::array<ConfigSlot, CFG_NUM_OF_KEYS> cfgValues = kDefaults;
+constexpr std::array<ConfigSlot, CFG_NUM_OF_KEYS> Defaults() {
+  std::array<ConfigSlot, CFG_NUM_OF_KEYS> values{};
+  for (size_t key = 0; key < CFG_NUM_OF_KEYS; ++key) values[key] = kKeys[key].defaultValue;
+  return values;
+}
+
+std::array<ConfigSlot, CFG_NUM_OF_KEYS> cfgValues = Defaults();
 
 bool HasType(uint32_t key, ConfigValueType type) {
-  return key < CFG_NUM_OF_KEYS && cfgTypes[key] == type;
+  return key < CFG_NUM_OF_KEYS && kKeys[key].type == type;
 }
 
 // The type shown in the wrong-key messages; -1 for a number past the table.
 int TypeForLog(uint32_t key) {
-  return key < CFG_NUM_OF_KEYS ? static_cast<int>(cfgTypes[key]) : -1;
+  return key < CFG_NUM_OF_KEYS ? static_cast<int>(kKeys[key].type) : -1;
 }
 
 // CFG_NUM_OF_KEYS when the name is not in the table.
 uint32_t FindKey(const char* name) {
   uint32_t key = 0;
-  while (key < CFG_NUM_OF_KEYS && std::strcmp(cfgStrs[key], name) != 0) ++key;
+  while (key < CFG_NUM_OF_KEYS && std::strcmp(kKeys[key].name, name) != 0) ++key;
   return key;
 }
 
 // Stores one value read from the file; false when the load must fail.
-bool StoreReadValue(uint32_t key, const char* name, const char* value) {
-  switch (cfgTypes[key]) {
+bool StoreReadValue(uint32_t key, const char* value) {
+  const char* name = kKeys[key].name;
+  switch (kKeys[key].type) {
     case CFG_TYPE_STRING:
       SafeStrCopy(cfgValues[key].str, kMaxValueSize, value);
       return true;
@@ -166,7 +130,7 @@ bool StoreReadValue(uint32_t key, const char* name, const char* value) {
       return true;
   }
   QWD_LOG_ERROR(kComponent, "key '%s'(%d) is of type %d?\n", name, static_cast<int>(key),
-                static_cast<int>(cfgTypes[key]));
+                static_cast<int>(kKeys[key].type));
   return false;
 }
 
@@ -194,7 +158,7 @@ bool Init(const char* path) {
       QWD_LOG_ERROR(kComponent, "Read unknown key '%s' with value '%s', ignoring\n", key, value);
       continue;
     }
-    if (!StoreReadValue(found, key, value)) return false;
+    if (!StoreReadValue(found, value)) return false;
   }
   return true;
 }
@@ -231,17 +195,17 @@ bool GetBoolValue(uint32_t key) {
 const char* GetName(uint32_t key) {
   if (key >= CFG_NUM_OF_KEYS) {
     QWD_LOG_ERROR(kComponent, "Trying to get name for key %d?\n", static_cast<int>(key));
-    return cfgStrs[CFG_NUM_OF_KEYS];
+    return nullptr;
   }
-  return cfgStrs[key];
+  return kKeys[key].name;
 }
 
 ConfigValueType GetType(uint32_t key) {
   if (key >= CFG_NUM_OF_KEYS) {
     QWD_LOG_ERROR(kComponent, "Trying to get type for key %d?\n", static_cast<int>(key));
-    return cfgTypes[CFG_CONTROL_SCRIPT_PATH];
+    return kKeys[CFG_CONTROL_SCRIPT_PATH].type;
   }
-  return cfgTypes[key];
+  return kKeys[key].type;
 }
 
 void SetStrValue(uint32_t key, const char* value) {
@@ -251,10 +215,7 @@ void SetStrValue(uint32_t key, const char* value) {
                   static_cast<int>(key), TypeForLog(key));
     return;
   }
-  if (ShouldLogComponent(kComponent, LoggerLevel::VERBOSE)) {
-    PrintLogLineWOLevelCheck(kComponent, __func__, LoggerLevel::VERBOSE, __FILE__, __LINE__,
-                             "'%s': '%s' -> '%s'\n", cfgStrs[key], cfgValues[key].str, value);
-  }
+  QWD_LOG_VERBOSE(kComponent, "'%s': '%s' -> '%s'\n", kKeys[key].name, cfgValues[key].str, value);
   SafeStrCopy(cfgValues[key].str, kMaxValueSize, value);
 }
 
@@ -264,11 +225,8 @@ void SetIntValue(uint32_t key, int32_t value) {
                   static_cast<int>(value), static_cast<int>(key), TypeForLog(key));
     return;
   }
-  if (ShouldLogComponent(kComponent, LoggerLevel::VERBOSE)) {
-    PrintLogLineWOLevelCheck(kComponent, __func__, LoggerLevel::VERBOSE, __FILE__, __LINE__,
-                             "'%s': %d -> %d\n", cfgStrs[key], static_cast<int>(cfgValues[key].i),
-                             static_cast<int>(value));
-  }
+  QWD_LOG_VERBOSE(kComponent, "'%s': %d -> %d\n", kKeys[key].name,
+                  static_cast<int>(cfgValues[key].i), static_cast<int>(value));
   cfgValues[key].i = value;
 }
 
@@ -278,14 +236,11 @@ void SetBoolValue(uint32_t key, bool value) {
                   BoolToStr(value), static_cast<int>(key), TypeForLog(key));
     return;
   }
-  if (ShouldLogComponent(kComponent, LoggerLevel::VERBOSE)) {
-    PrintLogLineWOLevelCheck(kComponent, __func__, LoggerLevel::VERBOSE, __FILE__, __LINE__,
-                             "'%s': %s -> %s\n", cfgStrs[key], BoolToStr(cfgValues[key].b),
-                             BoolToStr(value));
-  }
+  QWD_LOG_VERBOSE(kComponent, "'%s': %s -> %s\n", kKeys[key].name, BoolToStr(cfgValues[key].b),
+                  BoolToStr(value));
   cfgValues[key].b = value ? 1 : 0;
 }
 
-void ResetToDefaults() { cfgValues = kDefaults; }
+void ResetToDefaults() { cfgValues = Defaults(); }
 
 }  // namespace Config
