@@ -8,6 +8,8 @@
 
 namespace {
 
+void PrintUsage() { std::puts("Usage:\nquillmorWD -f <config file path>"); }
+
 bool PathBesideExecutable(std::array<char, kConfigPathSize>& path) {
   // One below the buffer: a directory that fills it stays terminated by the fill.
   path.fill('\0');
@@ -57,7 +59,5 @@ bool GetConfigPath(int argc, char* const argv[], std::array<char, kConfigPathSiz
   if (!found) PrintUsage();
   return found;
 }
-
-void PrintUsage() { std::puts("Usage:\nquillmorWD -f <config file path>"); }
 
 }  // namespace CommandLine

@@ -16,6 +16,4 @@ namespace CommandLine {
 // beside the executable. False, after the usage text, when no path results.
 bool GetConfigPath(int argc, char* const argv[], std::array<char, kConfigPathSize>& path);
 
-void PrintUsage();
-
 }  // namespace CommandLine
