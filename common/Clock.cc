@@ -25,6 +25,5 @@ std::atomic<Clock*> g_clock{&g_realClock};
 Clock& GetClock() { return *g_clock.load(std::memory_order_acquire); }
 
 Clock* InstallClock(Clock* clock) {
-  Clock* previous = g_clock.exchange(clock != nullptr ? clock : &g_realClock);
-  return previous;
+  return g_clock.exchange(clock != nullptr ? clock : &g_realClock);
 }
