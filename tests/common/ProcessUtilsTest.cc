@@ -13,18 +13,13 @@
 
 namespace {
 
-TEST(ProcessUtilsTest, CachedPidIsOwnPid) {
+TEST(ProcessUtilsTest, RunningPathIsTheRealExecutablesDirectory) {
   EXPECT_EQ(getpid(), GetCachedPid());
-  EXPECT_EQ(GetCachedPid(), GetCachedPid());
-}
-
-TEST(ProcessUtilsTest, RunningPathIsTheExecutablesDirectory) {
   char buffer[512];
   ASSERT_EQ(StatusCode::SUCCESS, GetRunningFromPath(buffer, sizeof(buffer) - 1));
   char exe[512] = {};
   ASSERT_GT(readlink("/proc/self/exe", exe, sizeof(exe) - 1), 0);
-  const std::string expected = std::string(exe).substr(0, std::string(exe).rfind('/'));
-  EXPECT_EQ(expected, buffer);
+  EXPECT_EQ(std::string(exe).substr(0, std::string(exe).rfind('/')), buffer);
 }
 
 class FakeProcTest : public ::testing::Test {
@@ -39,29 +34,25 @@ class FakeProcTest : public ::testing::Test {
 
   TempDir dir_;
   std::string exe_;
+  char buffer_[9];
 };
 
-TEST_F(FakeProcTest, DirectoryOfTheLinkTarget) {
-  ASSERT_EQ(0, symlink("/opt/quillmor/40.5/quillmorWD", exe_.c_str()));
-  char buffer[64];
-  ASSERT_EQ(StatusCode::SUCCESS, GetRunningFromPath(buffer, sizeof(buffer) - 1));
-  EXPECT_STREQ("/opt/quillmor/40.5", buffer);
+TEST_F(FakeProcTest, DirectoryOfTheLinkTargetNeverOverrunning) {
+  ASSERT_EQ(0, symlink("/abcdefgh/ijkl", exe_.c_str()));
+  std::memset(buffer_, 'Z', sizeof(buffer_));
+  ASSERT_EQ(StatusCode::SUCCESS, GetRunningFromPath(buffer_, 8));
+  EXPECT_EQ('Z', buffer_[8]) << "a link filling the buffer is cut, not overrun";
+  ASSERT_EQ(0, unlink(exe_.c_str()));
+  ASSERT_EQ(0, symlink("/opt/wd", exe_.c_str()));
+  ASSERT_EQ(StatusCode::SUCCESS, GetRunningFromPath(buffer_, 8));
+  EXPECT_STREQ("/opt", buffer_);
 }
 
 TEST_F(FakeProcTest, MissingLinkIsReportedOnStandardOutput) {
-  char buffer[64];
   testing::internal::CaptureStdout();
-  EXPECT_EQ(StatusCode::FAILURE, GetRunningFromPath(buffer, sizeof(buffer) - 1));
+  EXPECT_EQ(StatusCode::FAILURE, GetRunningFromPath(buffer_, 8));
   const std::string out = testing::internal::GetCapturedStdout();
   EXPECT_EQ(0u, out.find("Failed obtaining link for " + exe_ + "\n, errno ")) << out;
-}
-
-TEST_F(FakeProcTest, LinkFillingTheBufferNeverOverruns) {
-  ASSERT_EQ(0, symlink("/abcdefgh/ijkl", exe_.c_str()));
-  char buffer[9];
-  std::memset(buffer, 'Z', sizeof(buffer));
-  ASSERT_EQ(StatusCode::SUCCESS, GetRunningFromPath(buffer, 8));
-  EXPECT_EQ('Z', buffer[8]);
 }
 
 class AffinityTest : public ::testing::Test {
@@ -71,19 +62,15 @@ class AffinityTest : public ::testing::Test {
   cpu_set_t saved_;
 };
 
-TEST_F(AffinityTest, MaskBitsSelectCpusBelowTheCount) {
+TEST_F(AffinityTest, MaskBitsSelectCpusBelowTheCountAndEmptySetsFail) {
   if (!CPU_ISSET(0, &saved_)) GTEST_SKIP() << "CPU 0 is not ours to use";
-  ASSERT_EQ(StatusCode::SUCCESS, CommonSetCpuAffinity(0x1, 2));
   cpu_set_t now;
-  ASSERT_EQ(0, sched_getaffinity(0, sizeof(now), &now));
-  EXPECT_EQ(1, CPU_COUNT(&now));
-  EXPECT_TRUE(CPU_ISSET(0, &now));
-  ASSERT_EQ(StatusCode::SUCCESS, CommonSetCpuAffinity(0x3, 1));
-  ASSERT_EQ(0, sched_getaffinity(0, sizeof(now), &now));
-  EXPECT_EQ(1, CPU_COUNT(&now)) << "CPU 1 lies beyond the count";
-}
-
-TEST_F(AffinityTest, EmptySetsAreRefused) {
+  for (const int count : {2, 1}) {
+    ASSERT_EQ(StatusCode::SUCCESS, CommonSetCpuAffinity(count == 2 ? 0x1 : 0x3, count));
+    ASSERT_EQ(0, sched_getaffinity(0, sizeof(now), &now));
+    EXPECT_EQ(1, CPU_COUNT(&now)) << count;
+    EXPECT_TRUE(CPU_ISSET(0, &now));
+  }
   EXPECT_EQ(StatusCode::FAILURE, CommonSetCpuAffinity(0xFFFFFFFF, 0));
   EXPECT_EQ(StatusCode::FAILURE, CommonSetCpuAffinity(0x2, 1));
 }

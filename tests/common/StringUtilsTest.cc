@@ -12,116 +12,91 @@ namespace {
 
 TEST(StatusCodeTest, NamesStopBeforeTheCount) {
   EXPECT_STREQ("SUCCESS", StatusCodeToStr(StatusCode::SUCCESS));
-  EXPECT_STREQ("IRRELEVANT", StatusCodeToStr(StatusCode::IRRELEVANT));
   EXPECT_STREQ("PROTO_DECODING_FAILED", StatusCodeToStr(static_cast<StatusCode>(22)));
   EXPECT_STREQ("UNKNOWN", StatusCodeToStr(StatusCode::NUM_OF));
   EXPECT_STREQ("UNKNOWN", StatusCodeToStr(static_cast<StatusCode>(0xFFFFFFFFu)));
 }
 
-class BoundedCopyTest : public ::testing::Test {
- protected:
-  LogCapture log_;
-};
-
-TEST_F(BoundedCopyTest, CopyThatFitsExactlyIsSilent) {
-  char dst[8];
-  EXPECT_EQ(7, SafeStrCopy(dst, sizeof(dst), "abcdefg"));
-  EXPECT_STREQ("abcdefg", dst);
-  EXPECT_TRUE(log_.Lines().empty()) << log_.Dump();
+std::string CutLine(int blanks, int room, int len, const char* beginning) {
+  return "Can't fully copy a string - destination buffer is too small (" + std::to_string(room) +
+         ") for strlen = " + std::to_string(len) + "." + std::string(blanks, ' ') +
+         "Beginning of the string: '" + beginning + "'\n";
 }
 
-TEST_F(BoundedCopyTest, CopyOneCharacterTooLongIsCutAndLogged) {
-  char dst[8];
-  EXPECT_EQ(-1, SafeStrCopy(dst, sizeof(dst), "abcdefgh"));
-  EXPECT_STREQ("abcdefg", dst);
-  ASSERT_EQ(1u, log_.Lines().size());
-  EXPECT_EQ(LoggerLevel::INFO, log_.Lines()[0].level);
-  EXPECT_EQ(
-      "Can't fully copy a string - destination buffer is too small (7) for strlen = 8."
-      "                         Beginning of the string: 'abcdefgh'\n",
-      log_.Lines()[0].message);
+using CopyFn = int32_t (*)(char*, size_t, const char*);
+const char kUnterminated[4] = {'w', 'x', 'y', 'z'};
+
+TEST(BoundedCopyTest, EdgesReturnsAndLogText) {
+  const CopyFn strn3 = [](char* d, size_t n, const char* s) { return SafeStrnCopy(d, n, s, 3); };
+  const CopyFn strn4 = [](char* d, size_t n, const char* s) { return SafeStrnCopy(d, n, s, 4); };
+  const CopyFn cat = [](char* d, size_t n, const char* s) {
+    return SafeStrCat(d, n, s) == d ? 0 : 1;
+  };
+  const struct {
+    CopyFn copy;
+    size_t size;
+    const char* before;
+    const char* src;
+    int32_t ret;
+    const char* after;
+    std::string log;
+  } cases[] = {
+      {SafeStrCopy, 8, "", "abcdefg", 7, "abcdefg", ""},
+      {SafeStrCopy, 8, "", "abcdefgh", -1, "abcdefg", CutLine(25, 7, 8, "abcdefgh")},
+      {SafeStrCopy, 4, "", "0123456789abcdefghijKL", -1, "012",
+       CutLine(25, 3, 22, "0123456789abcdefghij")},
+      {SafeStrCopyNoLogs, 4, "", "abcd", -1, "abc", ""},
+      {strn3, 8, "", kUnterminated, 3, "wxy", ""},
+      {strn4, 3, "", kUnterminated, -1, "wx", CutLine(21, 2, 4, "wxyz")},
+      {cat, 8, "abcde", "xyz", 0, "abcdexy", CutLine(13, 2, 3, "xyz")},
+      {cat, 4, "abc", "d", 0, "abc", CutLine(13, 0, 1, "d")},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.after);
+    LogCapture log;
+    char dst[8];
+    std::strcpy(dst, c.before);
+    EXPECT_EQ(c.ret, c.copy(dst, c.size, c.src));
+    EXPECT_STREQ(c.after, dst);
+    EXPECT_EQ(c.log, log.Dump());
+    for (const auto& line : log.Lines()) EXPECT_EQ(LoggerLevel::INFO, line.level);
+  }
 }
 
-TEST_F(BoundedCopyTest, LoggedBeginningIsTwentyCharacters) {
-  char dst[4];
-  SafeStrCopy(dst, sizeof(dst), "0123456789abcdefghijKLMNOP");
-  EXPECT_TRUE(log_.Contains("Beginning of the string: '0123456789abcdefghij'\n"));
-}
-
-TEST_F(BoundedCopyTest, NoLogsVariantOnlyReturnsMinusOne) {
-  char dst[4];
-  EXPECT_EQ(-1, SafeStrCopyNoLogs(dst, sizeof(dst), "abcd"));
-  EXPECT_STREQ("abc", dst);
-  EXPECT_TRUE(log_.Lines().empty());
-}
-
-TEST_F(BoundedCopyTest, BoundedSourceNeedNotBeTerminated) {
-  const char unterminated[4] = {'w', 'x', 'y', 'z'};
-  char dst[8];
-  EXPECT_EQ(3, SafeStrnCopy(dst, sizeof(dst), unterminated, 3));
-  EXPECT_STREQ("wxy", dst);
-  char small[3];
-  EXPECT_EQ(-1, SafeStrnCopy(small, sizeof(small), unterminated, 4));
-  EXPECT_STREQ("wx", small);
-  EXPECT_TRUE(log_.Contains("too small (2) for strlen = 4.                     Beginning"));
-}
-
-TEST_F(BoundedCopyTest, NullArgumentsAreReportedNotDereferenced) {
+TEST(BoundedCopyTest, NullArgumentsAreReportedNotDereferenced) {
+  LogCapture log;
   char dst[4] = "old";
   EXPECT_EQ(-1, SafeStrCopy(dst, sizeof(dst), nullptr));
   EXPECT_STREQ("old", dst);
-  EXPECT_EQ(1u, log_.Count(LoggerLevel::ERROR, "ASSERT FAILED: dest != NULL && src != NULL \n"));
+  EXPECT_EQ(1u, log.Count(LoggerLevel::ERROR, "ASSERT FAILED: dest != NULL && src != NULL \n"));
 }
 
-TEST_F(BoundedCopyTest, AppendLogsTheRoomThatWasLeft) {
-  char dst[8] = "abcde";
-  EXPECT_EQ(dst, SafeStrCat(dst, sizeof(dst), "xyz"));
-  EXPECT_STREQ("abcdexy", dst);
-  EXPECT_EQ(
-      "Can't fully copy a string - destination buffer is too small (2) for strlen = 3."
-      "             Beginning of the string: 'xyz'\n",
-      log_.Dump());
-}
-
-TEST_F(BoundedCopyTest, AppendIntoFullBufferKeepsIt) {
-  char dst[4] = "abc";
-  SafeStrCat(dst, sizeof(dst), "d");
-  EXPECT_STREQ("abc", dst);
-  EXPECT_TRUE(log_.Contains("too small (0) for strlen = 1."));
-}
-
-TEST(StringSearchTest, LastOccurrenceWithinBound) {
+TEST(StringSearchTest, LastOccurrenceWithinBoundAndIndependentDuplicate) {
   const char* text = "a/b/c/d";
   EXPECT_EQ(text + 5, SafeStrrchr(text, '/', 100));
   EXPECT_EQ(text + 3, SafeStrrchr(text, '/', 5));
   EXPECT_EQ(nullptr, SafeStrrchr(text, '#', 100));
-  EXPECT_EQ(nullptr, SafeStrrchr(text, '/', 0));
-}
-
-TEST(StringSearchTest, DuplicateIsAnIndependentCopy) {
   char original[] = "payload";
   auto copy = DuplicateString(original);
-  ASSERT_NE(nullptr, copy);
   original[0] = 'X';
   EXPECT_STREQ("payload", copy.get());
   EXPECT_EQ(nullptr, DuplicateString(nullptr));
 }
 
-TEST(TokenTest, LeadingTokenIsCutSilently) {
+TEST(TokenTest, LeadingTokenIsCutSilentlyAndBadArgumentsAreLogged) {
   LogCapture log;
-  char dst[8];
-  EXPECT_EQ(3, GetTokenByDelimiter("key=value", dst, 4, "="));
-  EXPECT_STREQ("key", dst);
-  EXPECT_EQ(2, GetTokenByDelimiter("key=value", dst, 3, "="));
-  EXPECT_STREQ("ke", dst);
-  EXPECT_EQ(0, GetTokenByDelimiter("=v", dst, sizeof(dst), "="));
-  EXPECT_STREQ("", dst);
-  EXPECT_EQ(5, GetTokenByDelimiter("alone", dst, sizeof(dst), "=:"));
+  const struct {
+    const char* src;
+    size_t size;
+    int32_t ret;
+    const char* token;
+  } cases[] = {{"key=value", 4, 3, "key"}, {"key=value", 3, 2, "ke"}, {"=v", 8, 0, ""}};
+  for (const auto& c : cases) {
+    char dst[8];
+    EXPECT_EQ(c.ret, GetTokenByDelimiter(c.src, dst, c.size, "=:"));
+    EXPECT_STREQ(c.token, dst);
+  }
   EXPECT_TRUE(log.Lines().empty());
-}
-
-TEST(TokenTest, BadArgumentsLeaveDestinationUntouched) {
-  LogCapture log;
   char dst[4] = "old";
   EXPECT_EQ(0, GetTokenByDelimiter(nullptr, dst, sizeof(dst), "="));
   EXPECT_EQ(0, GetTokenByDelimiter("a=b", dst, 0, "="));
@@ -129,23 +104,22 @@ TEST(TokenTest, BadArgumentsLeaveDestinationUntouched) {
   EXPECT_EQ(2u, log.Count("ERROR: wrong parameters in the function GetTokenByDelimiter\n"));
 }
 
-TEST(ParseTest, IntegersFollowTheCLiteralRules) {
-  int32_t value = -1;
-  EXPECT_TRUE(ParseIntStr(&value, "0x10"));
-  EXPECT_EQ(16, value);
-  EXPECT_TRUE(ParseIntStr(&value, "010"));
-  EXPECT_EQ(8, value);
-  EXPECT_TRUE(ParseIntStr(&value, "-42"));
-  EXPECT_EQ(-42, value);
-  EXPECT_FALSE(ParseIntStr(&value, "12abc"));
-  EXPECT_EQ(12, value) << "the partial value is stored";
-  EXPECT_FALSE(ParseIntStr(&value, "09"));
-  EXPECT_TRUE(ParseIntStr(&value, ""));
-  EXPECT_EQ(0, value);
+TEST(ParseTest, IntegersFollowTheCLiteralRulesAndKeepPartialValues) {
+  const struct {
+    const char* text;
+    bool ok;
+    int32_t value;
+  } cases[] = {{"0x10", true, 16},   {"010", true, 8}, {"-42", true, -42},
+               {"12abc", false, 12}, {"09", false, 0}, {"", true, 0}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.text);
+    int32_t value = -1;
+    EXPECT_EQ(c.ok, ParseIntStr(&value, c.text));
+    EXPECT_EQ(c.value, value);
+  }
 }
 
 TEST(ParseTest, BooleansLooseAndStrict) {
-  EXPECT_TRUE(StrToBool("TRUE"));
   EXPECT_TRUE(StrToBool("tRuE"));
   EXPECT_FALSE(StrToBool("1"));
   EXPECT_FALSE(StrToBool("true "));
@@ -154,49 +128,41 @@ TEST(ParseTest, BooleansLooseAndStrict) {
   EXPECT_EQ(0, out);
   EXPECT_TRUE(StrToBoolStrict("TRUE", &out));
   EXPECT_EQ(1, out);
-  out = 7;
-  EXPECT_FALSE(StrToBoolStrict("truex", &out));
-  EXPECT_FALSE(StrToBoolStrict("t", &out));
-  EXPECT_FALSE(StrToBoolStrict("falsey", &out));
-  EXPECT_EQ(7, out);
+  for (const char* bad : {"truex", "t", "falsey"}) EXPECT_FALSE(StrToBoolStrict(bad, &out)) << bad;
+  EXPECT_EQ(1, out);
   EXPECT_STREQ("True", BoolToStr(1));
   EXPECT_STREQ("False", BoolToStr(0x100)) << "only the low byte counts";
 }
 
-TEST(JsonEscapeTest, ControlCharactersGetDoubledBackslashes) {
-  char dst[64];
-  EXPECT_TRUE(EscapeJsonString("a\tb", dst, sizeof(dst)));
-  EXPECT_STREQ("a\\\\tb", dst);
-  EXPECT_TRUE(EscapeJsonString("\x01", dst, sizeof(dst)));
-  EXPECT_STREQ("\\\\u0001", dst);
-  EXPECT_TRUE(EscapeJsonString("q\"s\\", dst, sizeof(dst)));
-  EXPECT_STREQ("q\\\"s\\\\", dst);
-  EXPECT_TRUE(EscapeJsonString("\xc3\xa9", dst, sizeof(dst))) << "high bytes pass unchanged";
-  EXPECT_STREQ("\xc3\xa9", dst);
+TEST(JsonEscapeTest, DoubledControlEscapesAndWholeEscapesOrNone) {
+  const struct {
+    const char* src;
+    size_t size;
+    bool ok;
+    const char* out;
+  } cases[] = {
+      {"a\tb", 64, true, "a\\\\tb"},
+      {"\x01", 64, true, "\\\\u0001"},
+      {"q\"s\\", 64, true, "q\\\"s\\\\"},
+      {"\xc3\xa9", 64, true, "\xc3\xa9"},
+      {"ab\ncd", 5, false, "ab"},
+      {"ab\"", 4, false, "ab"},
+      {"", 1, true, ""},
+      {"x", 1, false, ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.src);
+    char dst[64];
+    EXPECT_EQ(c.ok, EscapeJsonString(c.src, dst, c.size));
+    EXPECT_STREQ(c.out, dst);
+  }
 }
 
-TEST(JsonEscapeTest, EscapeThatDoesNotFitIsRemovedWhole) {
-  char dst[5];
-  EXPECT_FALSE(EscapeJsonString("ab\ncd", dst, sizeof(dst)));
-  EXPECT_STREQ("ab", dst);
-  char quote[4];
-  EXPECT_FALSE(EscapeJsonString("ab\"", quote, sizeof(quote)));
-  EXPECT_STREQ("ab", quote);
-  char one[1];
-  EXPECT_TRUE(EscapeJsonString("", one, sizeof(one)));
-  EXPECT_FALSE(EscapeJsonString("x", one, sizeof(one)));
-  EXPECT_STREQ("", one);
-}
-
-TEST(PrintableTest, CopiesNulsAndHidesUnprintables) {
+TEST(PrintableTest, CopiesNulsHidesUnprintablesAndReplacesWithinBounds) {
   char dst[8];
   const char src[] = {'a', '\0', '\n', 'b', '\x7f', 'c'};
   EXPECT_STREQ("a..b.c", MakePrintableCopy(dst, sizeof(dst), src, sizeof(src)));
   EXPECT_STREQ("a..", MakePrintableCopy(dst, 4, src, sizeof(src)));
-  EXPECT_STREQ("", MakePrintableCopy(dst, sizeof(dst), src, 0));
-}
-
-TEST(PrintableTest, ReplaceStopsAtBoundAndTerminator) {
   char text[] = "a-b-c\0-d";
   ReplaceCharInString(text, 3, '-', '_');
   EXPECT_STREQ("a_b-c", text);
@@ -208,12 +174,10 @@ TEST(PrintableTest, ReplaceStopsAtBoundAndTerminator) {
 TEST(LogEntityTest, LookupsAndTheirBounds) {
   EXPECT_EQ(LogEntity::WATCHDOG_LOGGER, LogEntity::GetEnumFromStr("WatchdogLogger"));
   EXPECT_EQ(LogEntity::NUM_OF, LogEntity::GetEnumFromStr("watchdoglogger"));
-  EXPECT_EQ(LogEntity::NUM_OF, LogEntity::GetEnumFromStr("Unknown"));
   EXPECT_STREQ("SystemStackTrace", LogEntity::ToStr(7));
   EXPECT_STREQ("N/A", LogEntity::ToStr(8));
   EXPECT_EQ(2, LogEntity::ToNumFiles(LogEntity::WATCHDOG_LOGGER));
   EXPECT_EQ(25000, LogEntity::ToFileSize(LogEntity::WATCHDOG_LOGGER));
-  EXPECT_EQ(5, LogEntity::ToNumFiles(LogEntity::AGENT_LOGGER));
   EXPECT_EQ(-1, LogEntity::ToNumFiles(8));
   EXPECT_EQ(-1, LogEntity::ToFileSize(100));
 }
