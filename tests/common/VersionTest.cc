@@ -42,10 +42,8 @@ TEST_F(LogFileNameTest, AcceptsOwnNamesAndPointsAtTheNumber) {
 TEST_F(LogFileNameTest, RejectsWhatDoesNotFollowTheGrammarFromWhereItStopped) {
   EXPECT_EQ(nullptr, Parse("Quillmor_40.5.21.engineering_WatchdogLogger_3"));
   EXPECT_STREQ("40.5.21.engineering", version_) << "named before it is refused";
-  const struct {
-    const char* name;
-    const char* logged;
-  } cases[] = {
+  // name, where parsing stopped
+  const std::pair<const char*, const char*> cases[] = {
       {"Quillmor_40.5.21.engineering_WatchdogLogger_3", ".engineering_WatchdogLogger_3"},
       {"Quillmor_40.5.21.71902_Unknown_1", "Unknown_1"},
       {"Quillmor_+1.2.3.4_WatchdogLogger_1", "+1.2.3.4_WatchdogLogger_1"},
@@ -55,11 +53,10 @@ TEST_F(LogFileNameTest, RejectsWhatDoesNotFollowTheGrammarFromWhereItStopped) {
       {"Quillmor_1.2.3.4__1", "_1"},
       {"quillmor_1.2.3.4_WatchdogLogger_1", "quillmor_1.2.3.4_WatchdogLogger_1"},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
+  for (const auto& [name, logged] : cases) {
     log_.Clear();
-    EXPECT_EQ(nullptr, Parse(c.name));
-    EXPECT_EQ("Failed parsing file prefix '" + std::string(c.logged) + "'. Ignoring this file\n",
+    EXPECT_EQ(nullptr, Parse(name));
+    EXPECT_EQ("Failed parsing file prefix '" + std::string(logged) + "'. Ignoring this file\n",
               log_.Dump());
   }
 }
