@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
 #include <set>
 #include <string>
 #include <utility>
@@ -11,6 +12,7 @@
 #include "tests/support/TempDir.h"
 
 namespace {
+
 class DirReaderTest : public ::testing::Test {
  protected:
   TempDir dir_;
@@ -22,7 +24,6 @@ TEST_F(DirReaderTest, YieldsTypedEntriesWithFullPaths) {
   ASSERT_EQ(0, mkdir(dir_.File("b").c_str(), 0755));
   ASSERT_EQ(0, symlink("/dev/null", dir_.File("c").c_str()));
   auto reader = CreateDirReader(dir_.path().c_str());
-  ASSERT_NE(nullptr, reader);
   std::set<std::pair<std::string, int>> seen;
   while (reader->NextEntry() != nullptr) {
     seen.insert({reader->GetEntryFullPath(), reader->GetEntryType()});
@@ -47,10 +48,9 @@ TEST_F(DirReaderTest, UnreadableEntryEndsTheIteration) {
 TEST_F(DirReaderTest, CreationFailures) {
   EXPECT_EQ(nullptr, CreateDirReader(nullptr));
   EXPECT_EQ(nullptr, CreateDirReader(dir_.Write("file", "x").c_str()));
-  EXPECT_TRUE(log_.Contains("Can't create DirReader object - path can't be NULL\n"));
-  EXPECT_TRUE(
-      log_.Contains("Can't open " + dir_.File("file") + " - not a directory or doesn't exist\n"));
-  EXPECT_TRUE(log_.Contains("DirReader ctor failed\n"));
+  EXPECT_EQ(log_.Dump(), "Can't create DirReader object - path can't be NULL\nCan't open " +
+                             dir_.File("file") +
+                             " - not a directory or doesn't exist\nDirReader ctor failed\n");
 }
 
 }  // namespace
