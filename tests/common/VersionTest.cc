@@ -36,7 +36,9 @@ TEST_F(LogFileNameTest, AcceptsOwnNamesAndPointsAtTheNumber) {
   EXPECT_STREQ("WatchdogLogger", entity_);
   EXPECT_STREQ("1234_0.1", Parse("Quillmor_1.2.3.4_AgentLogger_1234_0.1"));
   EXPECT_STREQ("1.2.3.4", version_);
-  EXPECT_TRUE(log_.Lines().empty()) << log_.Dump();
+  EXPECT_EQ(nullptr, ExtractPrefixDataFromLogFileName(nullptr, version_, 32, entity_, 32));
+  EXPECT_EQ(nullptr, ExtractPrefixDataFromLogFileName(name, version_, 0, entity_, 32));
+  EXPECT_TRUE(log_.Lines().empty()) << "null arguments are refused quietly";
 }
 
 TEST_F(LogFileNameTest, RejectsWhatDoesNotFollowTheGrammarFromWhereItStopped) {
@@ -59,13 +61,6 @@ TEST_F(LogFileNameTest, RejectsWhatDoesNotFollowTheGrammarFromWhereItStopped) {
     EXPECT_EQ("Failed parsing file prefix '" + std::string(logged) + "'. Ignoring this file\n",
               log_.Dump());
   }
-}
-
-TEST_F(LogFileNameTest, NullArgumentsAreRefusedQuietly) {
-  EXPECT_EQ(nullptr, ExtractPrefixDataFromLogFileName(nullptr, version_, 32, entity_, 32));
-  EXPECT_EQ(nullptr, ExtractPrefixDataFromLogFileName("Quillmor_1.2.3.4_AgentLogger_1", version_, 0,
-                                                      entity_, 32));
-  EXPECT_TRUE(log_.Lines().empty());
 }
 
 }  // namespace

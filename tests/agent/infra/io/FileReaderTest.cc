@@ -26,14 +26,22 @@ TEST_F(FileReaderTest, PathBoundIsOneAboveTheWriters) {
                              "q' too long (256 > 256)\n");
 }
 
-TEST_F(FileReaderTest, LineLengthCountsTheTerminatorAndLongLinesComeInPieces) {
+TEST_F(FileReaderTest, LinesCountTheTerminatorSeekAndSize) {
   auto reader = CreateFileReader(dir_.Write("f", "ab\nlonger line\n").c_str(), 1);
   EXPECT_EQ(4, reader->ReadLine(line_, sizeof(line_)));
   EXPECT_STREQ("ab\n", line_);
   EXPECT_EQ(8, reader->ReadLine(line_, sizeof(line_)));
-  EXPECT_STREQ("longer ", line_);
+  EXPECT_STREQ("longer ", line_) << "a long line comes in pieces";
   EXPECT_EQ(6, reader->ReadLine(line_, sizeof(line_)));
   EXPECT_EQ(0, reader->ReadLine(line_, sizeof(line_)));
+  EXPECT_EQ(15u, reader->GetSize());
+  EXPECT_EQ(-1, reader->Seek(-5));
+  EXPECT_EQ(0, reader->Seek(4));
+  EXPECT_EQ(3u, reader->Read(line_, 3));
+  EXPECT_EQ(std::string(line_, 3), "ong");
+  EXPECT_EQ(0, reader->Seek(-1));
+  EXPECT_EQ(0u, reader->Read(line_, 3)) << "positioned at the end";
+  EXPECT_GE(reader->GetFd(), 0);
 }
 
 TEST_F(FileReaderTest, MissingFileReadsNothingAndSaysWhy) {
@@ -57,18 +65,6 @@ TEST_F(FileReaderTest, CloseOnlyWhenAllowed) {
     reader->ReadLine(line_, sizeof(line_));
     EXPECT_STREQ(closeAllowed == 1 ? "one\n" : "two\n", line_) << "reopened only when closed";
   }
-}
-
-TEST_F(FileReaderTest, SeekSizeAndDescriptor) {
-  auto reader = CreateFileReader(dir_.Write("f", "0123456789").c_str(), 1);
-  EXPECT_EQ(10u, reader->GetSize());
-  EXPECT_EQ(0, reader->Seek(-1));
-  EXPECT_EQ(0u, reader->Read(line_, 3)) << "positioned at the end";
-  EXPECT_EQ(-1, reader->Seek(-5));
-  EXPECT_EQ(0, reader->Seek(4));
-  EXPECT_EQ(3u, reader->Read(line_, 3));
-  EXPECT_STREQ("456", line_);
-  EXPECT_GE(reader->GetFd(), 0);
 }
 
 }  // namespace

@@ -39,7 +39,7 @@ TEST_F(FileWriterTest, SeekRewritesInPlace) {
   EXPECT_EQ(-1, writer_->Seek(-3));
 }
 
-TEST_F(FileWriterTest, UnopenablePathFailsEveryOperation) {
+TEST_F(FileWriterTest, OpenAndFlushFailuresAreReported) {
   const std::string path = dir_.File("no/dir/f");
   auto writer = CreateFileWriter(path.c_str(), 32);
   EXPECT_EQ(0u, writer->Write("x", 1, FileWriter::kWriteAndFlush));
@@ -48,13 +48,10 @@ TEST_F(FileWriterTest, UnopenablePathFailsEveryOperation) {
   EXPECT_EQ(log_.Dump(), "Failed opening file '" + path + "', errno No such file or directory\n" +
                              "Failed opening file '" + path +
                              "', errno No such file or directory. Cannot seek file\n");
-}
-
-TEST_F(FileWriterTest, FlushFailureIsReported) {
   if (access("/dev/full", W_OK) != 0) GTEST_SKIP() << "no /dev/full";
-  auto writer = CreateFileWriter("/dev/full", 32);
-  writer->Write("x", 1, FileWriter::kWriteKeepOpen);
-  EXPECT_FALSE(writer->FileWriterFlush());
+  auto full = CreateFileWriter("/dev/full", 32);
+  full->Write("x", 1, FileWriter::kWriteKeepOpen);
+  EXPECT_FALSE(full->FileWriterFlush());
   EXPECT_TRUE(log_.Contains("Failed flushing '/dev/full', errno No space left on device(28)\n"));
 }
 
