@@ -21,18 +21,17 @@ std::vector<LogCapture::Line> LogCapture::Lines() const {
   return lines_;
 }
 
-size_t LogCapture::Count(const std::string& text) const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  size_t n = 0;
-  for (const Line& line : lines_) n += line.message.find(text) != std::string::npos;
-  return n;
-}
+size_t LogCapture::Count(const std::string& text) const { return CountWhere(nullptr, text); }
 
 size_t LogCapture::Count(LoggerLevel level, const std::string& text) const {
+  return CountWhere(&level, text);
+}
+
+size_t LogCapture::CountWhere(const LoggerLevel* level, const std::string& text) const {
   std::lock_guard<std::mutex> lock(mutex_);
   size_t n = 0;
   for (const Line& line : lines_) {
-    n += line.level == level && line.message.find(text) != std::string::npos;
+    n += (level == nullptr || line.level == *level) && line.message.find(text) != std::string::npos;
   }
   return n;
 }

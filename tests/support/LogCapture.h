@@ -41,6 +41,9 @@ class LogCapture final : public LogSink {
   void Clear();
 
  private:
+  // Lines containing text, at *level when level is set.
+  size_t CountWhere(const LoggerLevel* level, const std::string& text) const;
+
   mutable std::mutex mutex_;
   std::vector<Line> lines_;
   LogSink* previous_;
