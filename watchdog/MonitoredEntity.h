@@ -55,7 +55,6 @@ class MonitoredEntity {
   MonitoredEntityType GetType() const { return type_; }
 
  protected:
-  // The kind's constructor sets the status it starts in.
   explicit MonitoredEntity(MonitoredEntityType type) : type_(type) {}
 
  private:

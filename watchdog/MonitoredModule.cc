@@ -52,7 +52,6 @@ std::unique_ptr<MonitoredModule> CreateMonitoredModule(const char* dirPath, cons
 
 void MonitoredModule::MonitoredModuleCtor(const char* dirPath, const char* binaryName,
                                           const char* moduleName, const char* args) {
-  SetStatus(MonitoredEntityStatus::NOT_RUNNING);
   SafeStrCopy(dirPath_, dirPath);
   SafeStrCopy(binaryName_, binaryName);
   SafeStrCopy(moduleName_, moduleName);
@@ -85,7 +84,6 @@ StatusCode MonitoredModule::IsModuleLoaded(bool* loaded) {
       break;
     }
   }
-  reader->Close();
   return StatusCode::SUCCESS;
 }
 
@@ -110,7 +108,6 @@ StatusCode MonitoredModule::Start() {
   }
   // A short read is left for the kernel to refuse.
   reader->Read(image.get(), size);
-  reader->Close();
   reader.reset();
 
   if (GetKernelModuleApi().InitModule(image.get(), size, args_.data()) != 0) {

@@ -68,8 +68,6 @@ void MonitoredProcess::MonitoredProcessCtor(std::unique_ptr<IpcChannel> channel,
                                             bool checkLastSeen, const char* socketName,
                                             uint32_t connectTimeoutMsec) {
   ipcChannel_ = std::move(channel);
-  pid_ = -1;
-  SetStatus(MonitoredEntityStatus::NOT_RUNNING);
   maxLastSeenMsec_ = maxLastSeenMsec;
   setLdLibPath_ = setLdLibPath;
   checkLastSeen_ = checkLastSeen;
@@ -83,7 +81,7 @@ void MonitoredProcess::MonitoredProcessCtor(std::unique_ptr<IpcChannel> channel,
 
   size_t argc = 0;
   argv_[argc++] = fullPath_.data();
-  for (size_t i = 0; extraArgs != nullptr && extraArgs[i] != nullptr && i < kMaxExtraArgs; ++i) {
+  for (size_t i = 0; i < kMaxExtraArgs && extraArgs != nullptr && extraArgs[i] != nullptr; ++i) {
     // execve takes non-const pointers but never writes through them.
     argv_[argc++] = const_cast<char*>(extraArgs[i]);
   }
@@ -153,7 +151,6 @@ void MonitoredProcess::CheckStatus() {
     QWD_LOG_ERROR(kComponent, "Failed reading from process '%s' command line file, pid %d\n",
                   binaryName_.data(), pid_);
     SetStatus(MonitoredEntityStatus::UNKNOWN);
-    reader->Close();
     return;
   }
   if (std::strstr(cmdline, binaryName_.data()) == nullptr) {
@@ -172,7 +169,6 @@ void MonitoredProcess::CheckStatus() {
                  maxLastSeenMsec_);
     SetStatus(MonitoredEntityStatus::FAILED);
   }
-  reader->Close();
 }
 
 void MonitoredProcess::UpdatePid(int32_t pid) {
