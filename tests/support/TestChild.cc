@@ -11,7 +11,7 @@
 //   args ...         connect, a failure notification whose text is
 //                    "<argc> <last argument> <$QWD_CHILD_MARK or ->", wait
 //   exit N           connect, then exit with status N
-//   ignore-term      ignore SIGTERM, connect, one OK notification, wait
+//   ignore-term      ignore SIGTERM, connect, wait
 //   never-connect    wait
 //   die              exit with status 1 at once
 // Waiting ends with SIGTERM (exit status 0) or SIGKILL.
@@ -30,30 +30,11 @@
 
 namespace {
 
-constexpr int32_t kReplyTimeoutMsec = 10000;
-
 [[noreturn]] void WaitForSignal() {
   for (;;) pause();
 }
 
 void ExitOnTerm(int) { _exit(0); }
-
-StatusNotification Notification(uint32_t ok, int32_t pid, const char* socketName) {
-  StatusNotification note{};
-  note.ok = ok;
-  note.pid = pid;
-  SafeStrCopy(note.socketName, socketName);
-  return note;
-}
-
-void Send(IpcChannel& channel, int32_t command, const void* data, size_t size) {
-  uint32_t reply = 0;
-  channel.SendCommand(command, data, size, &reply, sizeof(reply), kReplyTimeoutMsec);
-}
-
-void SendNotification(IpcChannel& channel, const StatusNotification& note) {
-  Send(channel, kStatusNotifyCommand, &note, sizeof(note));
-}
 
 }  // namespace
 
@@ -65,39 +46,42 @@ int main(int argc, char** argv) {
   const char* mode = argv[1];
   const char* socketName = argv[2];
   const char* arg = argc > 3 ? argv[3] : "";
+  auto is = [mode](const char* name) { return std::strcmp(mode, name) == 0; };
 
-  if (std::strcmp(mode, "die") == 0) return 1;
-  signal(SIGTERM, std::strcmp(mode, "ignore-term") == 0 ? SIG_IGN : ExitOnTerm);
-  if (std::strcmp(mode, "never-connect") == 0) WaitForSignal();
+  if (is("die")) return 1;
+  signal(SIGTERM, is("ignore-term") ? SIG_IGN : ExitOnTerm);
+  if (is("never-connect")) WaitForSignal();
 
   std::unique_ptr<IpcChannel> channel = CreateIpcChannel(socketName, 0, 16, false);
   if (!channel || channel->Connect(false) != StatusCode::SUCCESS) return 3;
+  if (is("exit")) return std::atoi(arg);
 
-  const int32_t ownPid = static_cast<int32_t>(getpid());
-  if (std::strcmp(mode, "heartbeat") == 0 || std::strcmp(mode, "ignore-term") == 0) {
-    SendNotification(*channel, Notification(1, ownPid, socketName));
-  } else if (std::strcmp(mode, "other-pid") == 0) {
-    SendNotification(*channel, Notification(1, std::atoi(arg), socketName));
-  } else if (std::strcmp(mode, "foreign-socket") == 0) {
-    SendNotification(*channel, Notification(1, ownPid, arg));
-  } else if (std::strcmp(mode, "fail") == 0) {
-    StatusNotification note = Notification(0, ownPid, socketName);
+  int32_t command = kStatusNotifyCommand;
+  StatusNotification note{};
+  note.ok = 1;
+  note.pid = static_cast<int32_t>(getpid());
+  SafeStrCopy(note.socketName, socketName);
+  if (is("other-pid")) {
+    note.pid = std::atoi(arg);
+  } else if (is("foreign-socket")) {
+    SafeStrCopy(note.socketName, arg);
+  } else if (is("fail")) {
+    note.ok = 0;
     SafeStrCopy(note.message, arg);
-    SendNotification(*channel, note);
-  } else if (std::strcmp(mode, "garbage") == 0) {
-    char noise[sizeof(StatusNotification)];
-    std::memset(noise, 0xA5, sizeof(noise));
-    Send(*channel, kStatusNotifyCommand, noise, sizeof(noise));
-  } else if (std::strcmp(mode, "command") == 0) {
-    Send(*channel, std::atoi(arg), nullptr, 0);
-  } else if (std::strcmp(mode, "args") == 0) {
+  } else if (is("args")) {
     const char* mark = std::getenv("QWD_CHILD_MARK");
-    StatusNotification note = Notification(0, ownPid, socketName);
+    note.ok = 0;
     std::snprintf(note.message.data(), note.message.size(), "%d %s %s", argc, argv[argc - 1],
                   mark != nullptr ? mark : "-");
-    SendNotification(*channel, note);
-  } else if (std::strcmp(mode, "exit") == 0) {
-    return std::atoi(arg);
+  } else if (is("garbage")) {
+    std::memset(&note, 0xA5, sizeof(note));
+  } else if (is("command")) {
+    command = std::atoi(arg);
+  } else if (!is("heartbeat")) {
+    WaitForSignal();
   }
+  uint32_t reply = 0;
+  const size_t size = command == kStatusNotifyCommand ? sizeof(note) : 0;
+  channel->SendCommand(command, size != 0 ? &note : nullptr, size, &reply, sizeof(reply), 10000);
   WaitForSignal();
 }

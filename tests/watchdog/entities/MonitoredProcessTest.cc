@@ -1,18 +1,76 @@
 #include "watchdog/MonitoredProcess.h"
 
-#include <sys/socket.h>
-#include <sys/un.h>
+#include <dirent.h>
+#include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
+#include <sstream>
 #include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
 
 #include "tests/support/FakeClock.h"
-#include "tests/watchdog/entities/ProcessTestSupport.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TempDir.h"
+#include "watchdog/Config.h"
 
 namespace {
+
+using Status = MonitoredEntityStatus;
+
+constexpr char kChild[] = "qwd_test_child";
+const std::string kDir = QWD_TEST_CHILD_DIR;
+const std::string kPath = kDir + "/" + kChild;
+// What this test program's own cmdline contains.
+const std::string kSelf = program_invocation_short_name;
+
+int CountOwnDescriptors() {
+  DIR* dir = opendir("/proc/self/fd");
+  int count = -3;  // ".", ".." and the listing's own descriptor
+  while (readdir(dir) != nullptr) ++count;
+  closedir(dir);
+  return count;
+}
+
+// Live or zombie children of the test process.
+int CountOwnChildren() {
+  std::istringstream in(ReadWholeFile("/proc/self/task/" + std::to_string(getpid()) + "/children"));
+  return static_cast<int>(std::distance(std::istream_iterator<std::string>(in), {}));
+}
+
+// Blocks until the child has exited, without reaping it.
+void AwaitExit(pid_t pid) {
+  siginfo_t info{};
+  waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT);
+}
+
+// A child that exits at once: a zombie (its /proc entry stays and every
+// signal to it succeeds) or, reaped, a dead pid.
+pid_t ExitedChild(bool reap) {
+  const pid_t pid = fork();
+  if (pid == 0) _exit(0);
+  AwaitExit(pid);
+  if (reap) waitpid(pid, nullptr, 0);
+  return pid;
+}
+
+// The round of each SIGKILL: the "still running" lines logged before it.
+std::vector<size_t> KillRounds(const LogCapture& log) {
+  std::vector<size_t> rounds;
+  size_t stillRunning = 0;
+  for (const auto& line : log.Lines()) {
+    if (line.message.find("is still running") != std::string::npos) ++stillRunning;
+    if (line.message.find("didn't succeed") != std::string::npos) rounds.push_back(stillRunning);
+  }
+  return rounds;
+}
 
 int g_handlerCalls[3];
 void* g_handlerContext = &g_handlerCalls;
@@ -25,180 +83,132 @@ StatusCode CountingHandler(const void*, size_t, void*, size_t, size_t* replyLen,
   return StatusCode::SUCCESS;
 }
 
-const std::string kOwnName = [] {
-  char path[256] = {};
-  const ssize_t n = readlink("/proc/self/exe", path, sizeof(path) - 1);
-  const std::string full(path, n > 0 ? static_cast<size_t>(n) : 0);
-  return full.substr(full.rfind('/') + 1);
-}();
+class MonitoredProcessTest : public ::testing::Test {
+ protected:
+  void SetUp() override { Config::SetStrValue(CFG_PID_FILE_PATH, (pidDir_.path() + "/").c_str()); }
+  void TearDown() override { Config::ResetToDefaults(); }
 
-TEST_F(MonitoredProcessTest, CreationRefusesANullBinaryOrLibPath) {
-  EXPECT_EQ(CreateMonitoredProcess("/bin", nullptr, nullptr, "/lib", 1, false, false, nullptr, 0, 0,
-                                   nullptr, 0, 0),
-            nullptr);
-  EXPECT_EQ(CreateMonitoredProcess("/bin", "x", nullptr, nullptr, 1, false, false, nullptr, 0, 0,
-                                   nullptr, 0, 0),
-            nullptr);
+  // qwd_test_child run as "<mode> <user agent socket> <extra>...".
+  std::unique_ptr<MonitoredProcess> Child(const std::string& mode,
+                                          const std::vector<std::string>& extra = {},
+                                          uint32_t connectTimeoutMsec = 5000,
+                                          const IpcHandler* handlers = nullptr,
+                                          int32_t handlerCount = 0) {
+    argStrings_ = {mode, kUserAgentSocketName};
+    argStrings_.insert(argStrings_.end(), extra.begin(), extra.end());
+    args_.clear();
+    for (const std::string& arg : argStrings_) args_.push_back(arg.c_str());
+    args_.push_back(nullptr);
+    return CreateMonitoredProcess(kDir.c_str(), kChild, args_.data(), "/lib", 20000, false, true,
+                                  kUserAgentSocketName, sizeof(StatusNotification), 4, handlers,
+                                  handlerCount, connectTimeoutMsec);
+  }
+  // A started child whose first request has been served.
+  std::unique_ptr<MonitoredProcess> Served(const std::string& mode,
+                                           const std::vector<std::string>& extra = {},
+                                           const IpcHandler* handlers = nullptr,
+                                           int32_t handlerCount = 0) {
+    auto process = Child(mode, extra, 5000, handlers, handlerCount);
+    EXPECT_EQ(process->Start(), StatusCode::SUCCESS);
+    EXPECT_EQ(process->GetIpcChannel()->ServerWaitAndProcess(5000), StatusCode::SUCCESS);
+    return process;
+  }
+  // A process the watchdog does not launch, without a channel.
+  static std::unique_ptr<MonitoredProcess> Watched(const char* name, bool checkLastSeen = true) {
+    return CreateMonitoredProcess(nullptr, name, nullptr, "", 20000, false, checkLastSeen, nullptr,
+                                  0, 0, nullptr, 0, 0);
+  }
+  std::string PidFile() const { return ReadWholeFile(pidDir_.File(std::string(kChild) + ".pid")); }
+  void ExpectLogged(const std::vector<std::string>& lines) const {
+    for (const std::string& line : lines) EXPECT_TRUE(log_.Contains(line)) << line << log_.Dump();
+  }
+
+  LogCapture log_;
+  TempDir pidDir_;
+  // The child's arguments; they outlive the entity.
+  std::vector<std::string> argStrings_;
+  std::vector<const char*> args_;
+};
+
+TEST_F(MonitoredProcessTest, CreationRefusesNullNamesAndSurplusHandlers) {
+  for (const auto& [binary, lib] :
+       {std::pair<const char*, const char*>{nullptr, "/lib"}, {"x", nullptr}}) {
+    EXPECT_EQ(CreateMonitoredProcess("/bin", binary, nullptr, lib, 1, false, false, nullptr, 0, 0,
+                                     nullptr, 0, 0),
+              nullptr);
+  }
   EXPECT_EQ(log_.Count("Can't create monitored process object with a null binary"), 2u);
-  EXPECT_FALSE(log_.Contains("Destroying"));
-}
-
-TEST_F(MonitoredProcessTest, CreationRefusesMoreHandlersThanCommandIds) {
   const IpcHandler handlers[10] = {};
-  auto process = Child("connect", {}, 5000, handlers, 10);
-  EXPECT_EQ(process, nullptr);
-  EXPECT_TRUE(log_.Contains("Failed registering handler (command ID 10) for qwd_test_child\n"));
+  EXPECT_EQ(Child("connect", {}, 5000, handlers, 10), nullptr);
+  ExpectLogged({"Failed registering handler (command ID 10) for qwd_test_child\n"});
   EXPECT_FALSE(log_.Contains("Destroying"));
 }
 
-TEST_F(MonitoredProcessTest, CreatedEntityIsNotRunningAndDestructionIsLogged) {
-  auto process = Child("connect");
-  ASSERT_NE(process, nullptr);
+TEST_F(MonitoredProcessTest, ChildIsLaunchedHeardCheckedAndStoppedOnSigterm) {
+  ScaledClock clock(1000);
+  // The socket file a crashed watchdog leaves behind must not stop the start.
+  std::fclose(std::fopen(kUserAgentSocketName, "w"));
+  auto process = Served("heartbeat");
   EXPECT_EQ(process->GetType(), MonitoredEntityType::PROCESS);
-  EXPECT_EQ(process->GetStatus(), MonitoredEntityStatus::NOT_RUNNING);
-  EXPECT_EQ(process->GetPid(), -1);
-  EXPECT_STREQ(process->GetName(), kChildName);
-  EXPECT_NE(process->GetIpcChannel(), nullptr);
-  EXPECT_TRUE(log_.Contains(std::string("Created Monitored process object for process "
-                                        "'qwd_test_child' at '") +
-                            QWD_TEST_CHILD_DIR + "'\n"));
-  process.reset();
-  EXPECT_TRUE(log_.Contains("Destroying Monitored process object for process 'qwd_test_child'\n"));
-}
-
-TEST_F(MonitoredProcessTest, ProcessWithoutDirectoryIsNeverForked) {
-  auto process = Watched("agent");
-  const int children = CountOwnChildren();
-  EXPECT_EQ(process->Start(), StatusCode::SUCCESS);
-  EXPECT_EQ(process->GetStatus(), MonitoredEntityStatus::RUNNING);
-  EXPECT_EQ(CountOwnChildren(), children);
-  EXPECT_EQ(process->GetIpcChannel(), nullptr);
-  EXPECT_FALSE(log_.Contains("communication channel"));
-}
-
-TEST_F(MonitoredProcessTest, StartLaunchesConnectsAndWritesThePidFile) {
-  ScaledClock clock(1000);
-  auto process = Child("heartbeat");
-  ASSERT_EQ(process->Start(), StatusCode::SUCCESS);
-  const int32_t pid = process->GetPid();
-  EXPECT_GT(pid, 0);
-  EXPECT_EQ(process->GetStatus(), MonitoredEntityStatus::RUNNING);
-  EXPECT_TRUE(log_.Contains(std::string("Launched process 'qwd_test_child' at '") +
-                            QWD_TEST_CHILD_DIR + "', pid " + std::to_string(pid) + "\n"));
-  EXPECT_TRUE(log_.Contains("Established connection with qwd_test_child\n"));
-  EXPECT_EQ(ReadWholeFile(PidFileOf(kChildName)), std::to_string(pid) + "\n");
-
-  ASSERT_EQ(ServeOne(*process), StatusCode::SUCCESS);
-  EXPECT_TRUE(
-      log_.Contains("Got OK status notification from "
-                    "'/var/quillmorWatchdogUserAgent.socket', PID " +
-                    std::to_string(pid) + "\n"));
+  const std::string pid = std::to_string(process->GetPid());
+  EXPECT_EQ(PidFile(), pid + "\n");
   process->CheckStatus();
-  EXPECT_EQ(process->GetStatus(), MonitoredEntityStatus::RUNNING);
-  EXPECT_TRUE(log_.Contains("Process 'qwd_test_child' pid " + std::to_string(pid) + " is OK!\n"));
+  EXPECT_EQ(process->GetStatus(), Status::RUNNING);
   EXPECT_EQ(process->Stop(), StatusCode::SUCCESS);
-}
-
-// A watchdog that crashed leaves its socket file behind; binding over it
-// would fail.
-TEST_F(MonitoredProcessTest, StaleSocketFileIsReplaced) {
-  ScaledClock clock(1000);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::snprintf(address.sun_path, sizeof(address.sun_path), "%s", kUserAgentSocketName);
-  std::remove(kUserAgentSocketName);
-  const int stale = socket(AF_UNIX, SOCK_SEQPACKET, 0);
-  ASSERT_EQ(bind(stale, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-  close(stale);
-
-  auto process = Child("connect");
-  EXPECT_EQ(process->Start(), StatusCode::SUCCESS);
-  EXPECT_EQ(process->Stop(), StatusCode::SUCCESS);
-}
-
-TEST_F(MonitoredProcessTest, MissingBinaryFailsBeforeForking) {
-  auto process = CreateMonitoredProcess("/nonexistent", "agent", nullptr, "", 20000, false, true,
-                                        kUserAgentSocketName, 200, 4, nullptr, 0, 1000);
-  const int children = CountOwnChildren();
-  EXPECT_EQ(process->Start(), StatusCode::FAILURE);
-  EXPECT_TRUE(
-      log_.Contains("Problem with /nonexistent/agent, errno No such file or directory(2)\n"));
-  EXPECT_EQ(CountOwnChildren(), children);
+  EXPECT_EQ(process->GetStatus(), Status::NOT_RUNNING);
   EXPECT_EQ(process->GetPid(), -1);
+  EXPECT_EQ(PidFile(), "");
+  EXPECT_EQ(process->GetIpcChannel()->GetDescriptor(), -1);
+  process.reset();
+  ExpectLogged(
+      {"Created Monitored process object for process 'qwd_test_child' at '" + kDir + "'\n",
+       "Launched process 'qwd_test_child' at '" + kDir + "', pid " + pid + "\n",
+       "Established connection with qwd_test_child\n",
+       "Got OK status notification from '/var/quillmorWatchdogUserAgent.socket', PID " + pid + "\n",
+       "Process 'qwd_test_child' pid " + pid + " is OK!\n",
+       "Disconnecting and cleaning up the IPC channel of 'qwd_test_child'\n",
+       "trying to stop process '" + kPath + "', pid " + pid + "\n", "Process " + pid + " is dead\n",
+       "Stopped process 'qwd_test_child' (pid " + pid + ") at '" + kDir + "' successfully\n",
+       "Destroying Monitored process object for process 'qwd_test_child'\n"});
+  EXPECT_EQ(log_.Count(LoggerLevel::INFO, "process '" + kPath + "' exited with ret code 0\n"), 1u);
+  EXPECT_FALSE(log_.Contains("Killing pid"));
 }
 
-TEST_F(MonitoredProcessTest, ExtraArgumentsBeyondFourteenAreDroppedAndTheEnvironmentIsKept) {
+TEST_F(MonitoredProcessTest, NotificationsAreCheckedBeforeTheyAct) {
   ScaledClock clock(1000);
   setenv("QWD_CHILD_MARK", "inherited", 1);
-  std::vector<std::string> extra;
-  for (int i = 3; i <= 16; ++i) extra.push_back("a" + std::to_string(i));
-  auto process = Child("args", extra);
-  ASSERT_EQ(process->Start(), StatusCode::SUCCESS);
-  ASSERT_EQ(ServeOne(*process), StatusCode::SUCCESS);
-  // argv[0] and 14 of the 16 extra arguments: "args", the socket, a3 ... a14.
-  EXPECT_TRUE(log_.Contains("Got failure status notification with msg '15 a14 inherited'\n"))
-      << log_.Dump();
-  EXPECT_EQ(process->Stop(), StatusCode::SUCCESS);
+  std::vector<std::string> fifteen;
+  for (int i = 3; i <= 15; ++i) fifteen.push_back("a" + std::to_string(i));
+  // Mode, its arguments, the line it causes, the status it leaves.
+  const std::tuple<const char*, std::vector<std::string>, std::string, Status> kCases[] = {
+      {"fail",
+       {"disk full"},
+       "Got failure status notification with msg 'disk full'\n",
+       Status::FAILED},
+      {"foreign-socket",
+       {"/var/x.socket"},
+       "wrong socket name from the caller ('/var/x.socket')\n",
+       Status::RUNNING},
+      // The unterminated name is cut at its 64-byte field.
+      {"garbage",
+       {},
+       "wrong socket name from the caller ('" + std::string(63, '\xA5') + "')\n",
+       Status::RUNNING},
+      // argc, last argument, environment: the 15th extra argument is dropped.
+      {"args", fifteen, "Got failure status notification with msg '15 a14 inherited'\n",
+       Status::FAILED},
+  };
+  for (const auto& [mode, extra, line, status] : kCases) {
+    SCOPED_TRACE(mode);
+    log_.Clear();
+    auto process = Served(mode, extra);
+    const LoggerLevel level = status == Status::FAILED ? LoggerLevel::INFO : LoggerLevel::ERROR;
+    EXPECT_EQ(log_.Count(level, line), 1u) << log_.Dump();
+    EXPECT_EQ(process->GetStatus(), status);
+    EXPECT_FALSE(log_.Contains("Got update from process"));
+    EXPECT_EQ(process->Stop(), StatusCode::SUCCESS);
+  }
   unsetenv("QWD_CHILD_MARK");
-}
-
-TEST_F(MonitoredProcessTest, CommandsReachTheHandlerOfTheirNumber) {
-  ScaledClock clock(1000);
-  const IpcHandler handlers[] = {CountingHandler<1>, CountingHandler<2>};
-  auto process = Child("command", {"2"}, 5000, handlers, 2);
-  ASSERT_EQ(process->Start(), StatusCode::SUCCESS);
-  ASSERT_EQ(ServeOne(*process), StatusCode::SUCCESS);
-  EXPECT_EQ(g_handlerCalls[1], 0);
-  EXPECT_EQ(g_handlerCalls[2], 1);
-  EXPECT_EQ(g_handlerContext, nullptr);
-  EXPECT_EQ(process->Stop(), StatusCode::SUCCESS);
-}
-
-TEST_F(MonitoredProcessTest, FailureNotificationFailsTheEntity) {
-  ScaledClock clock(1000);
-  auto process = Child("fail", {"disk full"});
-  ASSERT_EQ(process->Start(), StatusCode::SUCCESS);
-  ASSERT_EQ(ServeOne(*process), StatusCode::SUCCESS);
-  EXPECT_EQ(process->GetStatus(), MonitoredEntityStatus::FAILED);
-  EXPECT_TRUE(1u == log_.Count(LoggerLevel::INFO,
-                               "Got failure status notification with msg 'disk full'\n"));
-  EXPECT_EQ(process->Stop(), StatusCode::SUCCESS);
-}
-
-TEST_F(MonitoredProcessTest, HeartbeatNamingAForeignSocketIsRefused) {
-  ScaledClock clock(1000);
-  auto process = Child("foreign-socket", {"/var/other.socket"});
-  ASSERT_EQ(process->Start(), StatusCode::SUCCESS);
-  const int32_t pid = process->GetPid();
-  ASSERT_EQ(ServeOne(*process), StatusCode::SUCCESS);
-  EXPECT_TRUE(
-      log_.Contains("The monitored process notify handler got a wrong socket name from "
-                    "the caller ('/var/other.socket')\n"));
-  EXPECT_FALSE(log_.Contains("Got update from process"));
-  EXPECT_EQ(process->GetPid(), pid);
-  EXPECT_EQ(process->GetStatus(), MonitoredEntityStatus::RUNNING);
-  EXPECT_EQ(process->Stop(), StatusCode::SUCCESS);
-}
-
-TEST_F(MonitoredProcessTest, GarbageNotificationIsRefusedWithinItsBounds) {
-  ScaledClock clock(1000);
-  auto process = Child("garbage");
-  ASSERT_EQ(process->Start(), StatusCode::SUCCESS);
-  ASSERT_EQ(ServeOne(*process), StatusCode::SUCCESS);
-  // The unterminated socket name is cut at its 64-byte field.
-  EXPECT_TRUE(
-      log_.Contains("wrong socket name from the caller ('" + std::string(63, '\xA5') + "')\n"));
-  EXPECT_EQ(process->GetStatus(), MonitoredEntityStatus::RUNNING);
-  EXPECT_EQ(process->Stop(), StatusCode::SUCCESS);
-}
-
-TEST_F(MonitoredProcessTest, NotifyHandlerWithoutAnEntityRefuses) {
-  StatusNotification note{};
-  size_t replyLen = 99;
-  EXPECT_EQ(MonitoredProcessNotifyHandler(&note, sizeof(note), nullptr, 0, &replyLen, nullptr),
-            StatusCode::INVALID_PARAM);
-  EXPECT_EQ(replyLen, 0u);
-  EXPECT_TRUE(log_.Contains("got an empty monitored process object parameter\n"));
 }
 
 TEST_F(MonitoredProcessTest, HeartbeatWithAnotherPidIsAdoptedAndWrittenDown) {
@@ -206,40 +216,64 @@ TEST_F(MonitoredProcessTest, HeartbeatWithAnotherPidIsAdoptedAndWrittenDown) {
   auto process = Child("other-pid", {"4242"});
   ASSERT_EQ(process->Start(), StatusCode::SUCCESS);
   const int32_t child = process->GetPid();
-  ASSERT_EQ(ServeOne(*process), StatusCode::SUCCESS);
-  EXPECT_TRUE(log_.Contains("Changing PID for process 'qwd_test_child' from " +
-                            std::to_string(child) + " to 4242\n"));
+  ASSERT_EQ(process->GetIpcChannel()->ServerWaitAndProcess(5000), StatusCode::SUCCESS);
+  ExpectLogged(
+      {"Changing PID for process 'qwd_test_child' from " + std::to_string(child) + " to 4242\n"});
   EXPECT_EQ(process->GetPid(), 4242);
-  EXPECT_EQ(ReadWholeFile(PidFileOf(kChildName)), "4242\n");
-  // Back to the real child, so that the stop below signals no stranger.
+  EXPECT_EQ(PidFile(), "4242\n");
+  // Back to the real child, so that the stop signals no stranger.
   process->UpdatePid(child);
   EXPECT_EQ(process->Stop(), StatusCode::SUCCESS);
 }
 
-TEST_F(MonitoredProcessTest, SilenceBeyondTheLimitFailsTheEntity) {
-  FakeClock clock;
-  auto process = Watched(kOwnName.c_str());
-  process->Start();
-  process->UpdatePid(getpid());
-  clock.Advance(19999);
-  process->CheckStatus();
-  EXPECT_EQ(process->GetStatus(), MonitoredEntityStatus::RUNNING);
-  clock.Advance(1);
-  process->CheckStatus();
-  EXPECT_EQ(process->GetStatus(), MonitoredEntityStatus::FAILED);
-  EXPECT_TRUE(log_.Contains("Process '" + kOwnName +
-                            "' last seen before 20000 msecs (max allowed 20000 msecs), setting "
-                            "state to FAILED!\n"));
+TEST_F(MonitoredProcessTest, CommandsReachTheHandlerOfTheirNumber) {
+  ScaledClock clock(1000);
+  const IpcHandler handlers[] = {CountingHandler<1>, CountingHandler<2>};
+  auto process = Served("command", {"2"}, handlers, 2);
+  EXPECT_EQ(g_handlerCalls[1], 0);
+  EXPECT_EQ(g_handlerCalls[2], 1);
+  EXPECT_EQ(g_handlerContext, nullptr);
+  EXPECT_EQ(process->Stop(), StatusCode::SUCCESS);
+
+  size_t replyLen = 99;
+  EXPECT_EQ(MonitoredProcessNotifyHandler(nullptr, 0, nullptr, 0, &replyLen, nullptr),
+            StatusCode::INVALID_PARAM);
+  EXPECT_EQ(replyLen, 0u);
+  ExpectLogged({"got an empty monitored process object parameter\n"});
 }
 
-TEST_F(MonitoredProcessTest, SilenceIsToleratedWhenNotChecked) {
-  FakeClock clock;
-  auto process = Watched(kOwnName.c_str(), false);
-  process->Start();
-  process->UpdatePid(getpid());
-  clock.Advance(3600000);
-  process->CheckStatus();
-  EXPECT_EQ(process->GetStatus(), MonitoredEntityStatus::RUNNING);
+TEST_F(MonitoredProcessTest, StartForksNothingWithoutADirectoryOrABinary) {
+  const int children = CountOwnChildren();
+  auto watched = Watched("agent");
+  EXPECT_EQ(watched->Start(), StatusCode::SUCCESS);
+  EXPECT_EQ(watched->GetStatus(), Status::RUNNING);
+  EXPECT_EQ(watched->GetIpcChannel(), nullptr);
+  EXPECT_FALSE(log_.Contains("communication channel"));
+  auto missing = CreateMonitoredProcess("/nonexistent", "agent", nullptr, "", 20000, false, true,
+                                        kUserAgentSocketName, 200, 4, nullptr, 0, 1000);
+  EXPECT_EQ(missing->Start(), StatusCode::FAILURE);
+  EXPECT_EQ(missing->GetPid(), -1);
+  ExpectLogged({"Problem with /nonexistent/agent, errno No such file or directory(2)\n"});
+  EXPECT_EQ(CountOwnChildren(), children);
+}
+
+TEST_F(MonitoredProcessTest, SilenceBeyondTheLimitFailsTheEntityWhenChecked) {
+  for (const bool checked : {true, false}) {
+    FakeClock clock;
+    auto process = Watched(kSelf.c_str(), checked);
+    process->Start();
+    process->UpdatePid(getpid());
+    clock.Advance(19999);
+    process->CheckStatus();
+    EXPECT_EQ(process->GetStatus(), Status::RUNNING);
+    clock.Advance(1);
+    process->CheckStatus();
+    EXPECT_EQ(process->GetStatus(), checked ? Status::FAILED : Status::RUNNING);
+  }
+  EXPECT_EQ(log_.Count("Process '" + kSelf +
+                       "' last seen before 20000 msecs (max allowed 20000 msecs), setting state "
+                       "to FAILED!\n"),
+            1u);
 }
 
 TEST_F(MonitoredProcessTest, HeartbeatWithPidMinusOneDoesNotCountAsSeen) {
@@ -248,65 +282,142 @@ TEST_F(MonitoredProcessTest, HeartbeatWithPidMinusOneDoesNotCountAsSeen) {
   process->UpdatePid(1234);
   clock.Advance(5000);
   process->UpdatePid(-1);
-  EXPECT_TRUE(log_.Contains("new PID -1, last update before 5000 msecs\n"));
-  EXPECT_TRUE(log_.Contains("Changing PID for process 'agent' from 1234 to -1\n"));
   clock.Advance(3000);
   process->UpdatePid(1234);
-  EXPECT_TRUE(log_.Contains("new PID 1234, last update before 8000 msecs\n"));
+  ExpectLogged({"new PID -1, last update before 5000 msecs\n",
+                "Changing PID for process 'agent' from 1234 to -1\n",
+                "new PID 1234, last update before 8000 msecs\n"});
 }
 
-TEST_F(MonitoredProcessTest, ReusedPidIsUnknownButTheOkLineStays) {
+// The pid may have been reused by another program: UNKNOWN, yet the OK line
+// follows the mismatch.
+TEST_F(MonitoredProcessTest, CmdlineNotNamingTheBinaryIsUnknown) {
   auto process = Watched("qwd_not_this_program");
   process->Start();
   process->UpdatePid(getpid());
+  log_.Clear();
   process->CheckStatus();
-  EXPECT_EQ(process->GetStatus(), MonitoredEntityStatus::UNKNOWN);
+  EXPECT_EQ(process->GetStatus(), Status::UNKNOWN);
   const auto lines = log_.Lines();
-  size_t mismatch = lines.size();
-  size_t ok = lines.size();
-  for (size_t i = 0; i < lines.size(); ++i) {
-    if (lines[i].message.find("Process 'qwd_not_this_program' cmdline is '") == 0) mismatch = i;
-    if (lines[i].message.find("is OK!") != std::string::npos) ok = i;
-  }
-  ASSERT_LT(mismatch, lines.size()) << log_.Dump();
-  EXPECT_EQ(ok, mismatch + 1);
+  ASSERT_EQ(lines.size(), 2u) << log_.Dump();
+  EXPECT_EQ(lines[0].message.find("Process 'qwd_not_this_program' cmdline is '"), 0u);
+  EXPECT_NE(lines[1].message.find("is OK!"), std::string::npos);
 }
 
-TEST_F(MonitoredProcessTest, CheckStatusWithoutALivePidIsUnknown) {
-  auto process = Watched("agent");
-  process->Start();
-  process->CheckStatus();
-  EXPECT_EQ(process->GetStatus(), MonitoredEntityStatus::UNKNOWN);
-
-  process->SetStatus(MonitoredEntityStatus::RUNNING);
-  process->UpdatePid(MakeDeadPid());
-  process->CheckStatus();
-  EXPECT_EQ(process->GetStatus(), MonitoredEntityStatus::UNKNOWN);
-  EXPECT_TRUE(log_.Contains("Failed reading from process 'agent' command line file"));
-
-  const pid_t zombie = MakeZombie();
-  process->SetStatus(MonitoredEntityStatus::RUNNING);
-  process->UpdatePid(zombie);
-  process->CheckStatus();
-  EXPECT_EQ(process->GetStatus(), MonitoredEntityStatus::UNKNOWN);
+TEST_F(MonitoredProcessTest, CheckStatusWithoutALivePidIsUnknownButLeavesARestart) {
+  const pid_t zombie = ExitedChild(false);
+  for (const pid_t pid : {-1, ExitedChild(true), zombie}) {
+    SCOPED_TRACE(pid);
+    auto process = Watched("agent");
+    process->UpdatePid(pid);
+    process->SetStatus(Status::RESTART);
+    process->CheckStatus();
+    EXPECT_EQ(process->GetStatus(), Status::RESTART);
+    process->SetStatus(Status::RUNNING);
+    process->CheckStatus();
+    EXPECT_EQ(process->GetStatus(), Status::UNKNOWN);
+  }
+  EXPECT_EQ(log_.Count("Failed reading from process 'agent' command line file"), 2u);
   waitpid(zombie, nullptr, 0);
 }
 
-TEST_F(MonitoredProcessTest, CheckStatusLeavesARestartAlone) {
-  auto process = Watched("agent");
-  process->SetStatus(MonitoredEntityStatus::RESTART);
-  process->CheckStatus();
-  EXPECT_EQ(process->GetStatus(), MonitoredEntityStatus::RESTART);
-}
-
 TEST_F(MonitoredProcessTest, ResourceCheckRecordsPeaksOnce) {
-  auto process = Watched(kOwnName.c_str());
+  auto process = Watched(kSelf.c_str());
   process->UpdatePid(getpid());
   process->CheckResources();
-  EXPECT_EQ(log_.Count("MEM MAX: Process " + kOwnName), 1u);
-  EXPECT_EQ(log_.Count("FD MAX: Process " + kOwnName), 1u);
   process->CheckResources();
-  EXPECT_EQ(log_.Count("MEM MAX: Process " + kOwnName), 1u);
+  EXPECT_EQ(log_.Count("MEM MAX: Process " + kSelf), 1u);
+  EXPECT_EQ(log_.Count("FD MAX: Process " + kSelf), 1u);
+}
+
+TEST_F(MonitoredProcessTest, StopOfAPidThatCantBeSignalledEndsAtOnce) {
+  FakeClock clock;
+  const pid_t dead = ExitedChild(true);
+  // Pid 0 would signal the watchdog's own process group.
+  for (const pid_t pid : {-1, 0, dead}) {
+    SCOPED_TRACE(pid);
+    auto process = Watched("agent");
+    process->UpdatePid(pid);
+    process->SetStatus(Status::FAILED);
+    EXPECT_EQ(process->Stop(), pid == dead ? StatusCode::SUCCESS : StatusCode::INVALID_PARAM);
+    EXPECT_EQ(process->GetStatus(), pid == dead ? Status::NOT_RUNNING : Status::FAILED);
+    EXPECT_EQ(process->GetPid(), pid == dead ? -1 : pid);
+  }
+  ExpectLogged({"Can't stop process '' with pid -1!\n", "Can't stop process '' with pid 0!\n",
+                "Tried killing process with pid " + std::to_string(dead) +
+                    ", binary agent, but it is already dead\n"});
+  EXPECT_EQ(clock.SleepCalls(), 0u);
+}
+
+TEST_F(MonitoredProcessTest, ChildIgnoringSigtermIsKilledAtRoundFifty) {
+  ScaledClock clock(1000);
+  auto process = Child("ignore-term");
+  // Start returns once the child connected, after it set SIGTERM aside.
+  ASSERT_EQ(process->Start(), StatusCode::SUCCESS);
+  EXPECT_EQ(process->Stop(), StatusCode::SUCCESS);
+  EXPECT_EQ(process->GetStatus(), Status::NOT_RUNNING);
+  EXPECT_EQ(KillRounds(log_), std::vector<size_t>{50});
+  ExpectLogged({"didn't exit, probably killed or crashed\n"});
+  EXPECT_GE(clock.SleptMsec(), 100 + 50 * 1000);
+}
+
+// A zombie outlives every SIGKILL; as the pid of a process the watchdog did
+// not launch, it is never waited for and sits through the whole escalation.
+TEST_F(MonitoredProcessTest, ProcessOutlivingEveryKillCostsSixHundredRoundsAndTwelveKills) {
+  const pid_t zombie = ExitedChild(false);
+  auto process = Watched("agent");
+  process->UpdatePid(zombie);
+  const auto realStart = std::chrono::steady_clock::now();
+  {
+    ScaledClock clock(10000);
+    EXPECT_EQ(process->Stop(), StatusCode::FAILURE);
+    EXPECT_EQ(clock.SleptMsec(), 100 + 600 * 1000);
+  }
+  EXPECT_LT(std::chrono::steady_clock::now() - realStart, std::chrono::seconds(1));
+  EXPECT_EQ(process->GetStatus(), Status::FAILED);
+  EXPECT_EQ(process->GetPid(), -1);
+  EXPECT_EQ(KillRounds(log_),
+            (std::vector<size_t>{50, 100, 150, 200, 250, 300, 350, 400, 450, 500, 550, 600}));
+  ExpectLogged({"Process agent (pid " + std::to_string(zombie) +
+                ") remained alive 600000 milli-seconds after first trying to kill it\n"});
+  EXPECT_FALSE(log_.Contains("waitpid"));
+  EXPECT_EQ(waitpid(zombie, nullptr, WNOHANG), zombie);
+}
+
+// A failed start keeps the pid, so that the stop reaps what was launched.
+TEST_F(MonitoredProcessTest, ChildThatExitsOrNeverConnectsIsReapedByStop) {
+  ScaledClock clock(1000);
+  const int children = CountOwnChildren();
+  for (const std::string mode : {"exit", "die", "never-connect"}) {
+    SCOPED_TRACE(mode);
+    const bool connects = mode == "exit";
+    auto process = Child(mode, {"7"}, connects ? 5000 : 100);
+    EXPECT_EQ(process->Start(), connects ? StatusCode::SUCCESS : StatusCode::FAILURE);
+    EXPECT_EQ(process->GetStatus(), Status::RUNNING);
+    // One that never connects may die of SIGTERM or exit on it.
+    if (mode != "never-connect") AwaitExit(process->GetPid());
+    EXPECT_EQ(process->Stop(), StatusCode::SUCCESS);
+  }
+  EXPECT_EQ(log_.Count("Failed waiting for the process qwd_test_child to connect to the IPC "
+                       "channel\n"),
+            2u);
+  ExpectLogged({"exited with ret code 7\n", "exited with ret code 1\n"});
+  EXPECT_FALSE(log_.Contains("Killing pid"));
+  EXPECT_EQ(CountOwnChildren(), children);
+}
+
+TEST_F(MonitoredProcessTest, ThousandStartStopCyclesLeakNothing) {
+  ScaledClock clock(1000);
+  auto process = Child("connect");
+  const int descriptors = CountOwnDescriptors();
+  const int children = CountOwnChildren();
+  for (int cycle = 0; cycle < 1000; ++cycle) {
+    ASSERT_EQ(process->Start(), StatusCode::SUCCESS) << "cycle " << cycle;
+    ASSERT_EQ(process->Stop(), StatusCode::SUCCESS) << "cycle " << cycle;
+    if (cycle % 100 == 0) log_.Clear();
+  }
+  EXPECT_EQ(CountOwnDescriptors(), descriptors);
+  EXPECT_EQ(CountOwnChildren(), children);
 }
 
 }  // namespace
