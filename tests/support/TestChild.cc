@@ -2,8 +2,8 @@
 // watchdog's channel and behaves as its mode says:
 //   qwd_test_child <mode> <socket> [arg]
 //   connect          connect, then wait
-//   heartbeat        connect, one OK notification with its own pid, wait
-//   other-pid N      connect, one OK notification naming pid N, wait
+//   heartbeat [N]    connect, one OK notification with pid N (default: its
+//                    own), wait
 //   foreign-socket S connect, one OK notification naming socket S, wait
 //   fail TEXT        connect, one failure notification with TEXT, wait
 //   garbage          connect, a notification of 200 bytes of noise, wait
@@ -23,6 +23,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <string>
 
 #include "agent/src/infra/ipc/IpcChannel.h"
 #include "common/StringUtils.h"
@@ -43,41 +44,38 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: qwd_test_child <mode> <socket> [arg]\n");
     return 2;
   }
-  const char* mode = argv[1];
+  const std::string mode = argv[1];
   const char* socketName = argv[2];
   const char* arg = argc > 3 ? argv[3] : "";
-  auto is = [mode](const char* name) { return std::strcmp(mode, name) == 0; };
 
-  if (is("die")) return 1;
-  signal(SIGTERM, is("ignore-term") ? SIG_IGN : ExitOnTerm);
-  if (is("never-connect")) WaitForSignal();
-
+  if (mode == "die") return 1;
+  signal(SIGTERM, mode == "ignore-term" ? SIG_IGN : ExitOnTerm);
+  if (mode == "never-connect") WaitForSignal();
   std::unique_ptr<IpcChannel> channel = CreateIpcChannel(socketName, 0, 16, false);
   if (!channel || channel->Connect(false) != StatusCode::SUCCESS) return 3;
-  if (is("exit")) return std::atoi(arg);
+  if (mode == "exit") return std::atoi(arg);
 
   int32_t command = kStatusNotifyCommand;
   StatusNotification note{};
-  note.ok = 1;
   note.pid = static_cast<int32_t>(getpid());
   SafeStrCopy(note.socketName, socketName);
-  if (is("other-pid")) {
-    note.pid = std::atoi(arg);
-  } else if (is("foreign-socket")) {
+  if (mode == "heartbeat") {
+    note.ok = 1;
+    if (argc > 3) note.pid = std::atoi(arg);
+  } else if (mode == "foreign-socket") {
+    note.ok = 1;
     SafeStrCopy(note.socketName, arg);
-  } else if (is("fail")) {
-    note.ok = 0;
+  } else if (mode == "fail") {
     SafeStrCopy(note.message, arg);
-  } else if (is("args")) {
+  } else if (mode == "args") {
     const char* mark = std::getenv("QWD_CHILD_MARK");
-    note.ok = 0;
     std::snprintf(note.message.data(), note.message.size(), "%d %s %s", argc, argv[argc - 1],
                   mark != nullptr ? mark : "-");
-  } else if (is("garbage")) {
+  } else if (mode == "garbage") {
     std::memset(&note, 0xA5, sizeof(note));
-  } else if (is("command")) {
+  } else if (mode == "command") {
     command = std::atoi(arg);
-  } else if (!is("heartbeat")) {
+  } else {
     WaitForSignal();
   }
   uint32_t reply = 0;

@@ -5,12 +5,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <iterator>
-#include <sstream>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -41,8 +40,9 @@ int CountOwnDescriptors() {
 
 // Live or zombie children of the test process.
 int CountOwnChildren() {
-  std::istringstream in(ReadWholeFile("/proc/self/task/" + std::to_string(getpid()) + "/children"));
-  return static_cast<int>(std::distance(std::istream_iterator<std::string>(in), {}));
+  const std::string pids =
+      ReadWholeFile("/proc/self/task/" + std::to_string(getpid()) + "/children");
+  return static_cast<int>(std::count(pids.begin(), pids.end(), ' '));
 }
 
 // Blocks until the child has exited, without reaping it.
@@ -88,27 +88,25 @@ class MonitoredProcessTest : public ::testing::Test {
   void SetUp() override { Config::SetStrValue(CFG_PID_FILE_PATH, (pidDir_.path() + "/").c_str()); }
   void TearDown() override { Config::ResetToDefaults(); }
 
-  // qwd_test_child run as "<mode> <user agent socket> <extra>...".
+  // qwd_test_child run as "<mode> <user agent socket> <extra>...", serving
+  // handlers_.
   std::unique_ptr<MonitoredProcess> Child(const std::string& mode,
                                           const std::vector<std::string>& extra = {},
-                                          uint32_t connectTimeoutMsec = 5000,
-                                          const IpcHandler* handlers = nullptr,
-                                          int32_t handlerCount = 0) {
+                                          uint32_t connectTimeoutMsec = 5000) {
     argStrings_ = {mode, kUserAgentSocketName};
     argStrings_.insert(argStrings_.end(), extra.begin(), extra.end());
     args_.clear();
     for (const std::string& arg : argStrings_) args_.push_back(arg.c_str());
     args_.push_back(nullptr);
     return CreateMonitoredProcess(kDir.c_str(), kChild, args_.data(), "/lib", 20000, false, true,
-                                  kUserAgentSocketName, sizeof(StatusNotification), 4, handlers,
-                                  handlerCount, connectTimeoutMsec);
+                                  kUserAgentSocketName, sizeof(StatusNotification), 4,
+                                  handlers_.data(), static_cast<int32_t>(handlers_.size()),
+                                  connectTimeoutMsec);
   }
   // A started child whose first request has been served.
   std::unique_ptr<MonitoredProcess> Served(const std::string& mode,
-                                           const std::vector<std::string>& extra = {},
-                                           const IpcHandler* handlers = nullptr,
-                                           int32_t handlerCount = 0) {
-    auto process = Child(mode, extra, 5000, handlers, handlerCount);
+                                           const std::vector<std::string>& extra = {}) {
+    auto process = Child(mode, extra);
     EXPECT_EQ(process->Start(), StatusCode::SUCCESS);
     EXPECT_EQ(process->GetIpcChannel()->ServerWaitAndProcess(5000), StatusCode::SUCCESS);
     return process;
@@ -125,6 +123,7 @@ class MonitoredProcessTest : public ::testing::Test {
 
   LogCapture log_;
   TempDir pidDir_;
+  std::vector<IpcHandler> handlers_;
   // The child's arguments; they outlive the entity.
   std::vector<std::string> argStrings_;
   std::vector<const char*> args_;
@@ -138,8 +137,8 @@ TEST_F(MonitoredProcessTest, CreationRefusesNullNamesAndSurplusHandlers) {
               nullptr);
   }
   EXPECT_EQ(log_.Count("Can't create monitored process object with a null binary"), 2u);
-  const IpcHandler handlers[10] = {};
-  EXPECT_EQ(Child("connect", {}, 5000, handlers, 10), nullptr);
+  handlers_.resize(10);
+  EXPECT_EQ(Child("connect"), nullptr);
   ExpectLogged({"Failed registering handler (command ID 10) for qwd_test_child\n"});
   EXPECT_FALSE(log_.Contains("Destroying"));
 }
@@ -199,13 +198,18 @@ TEST_F(MonitoredProcessTest, NotificationsAreCheckedBeforeTheyAct) {
        Status::FAILED},
   };
   for (const auto& [mode, extra, line, status] : kCases) {
-    SCOPED_TRACE(mode);
+    SCOPED_TRACE(line);
     log_.Clear();
-    auto process = Served(mode, extra);
+    auto process = Child(mode, extra);
+    ASSERT_EQ(process->Start(), StatusCode::SUCCESS);
+    const int32_t child = process->GetPid();
+    ASSERT_EQ(process->GetIpcChannel()->ServerWaitAndProcess(5000), StatusCode::SUCCESS);
     const LoggerLevel level = status == Status::FAILED ? LoggerLevel::INFO : LoggerLevel::ERROR;
     EXPECT_EQ(log_.Count(level, line), 1u) << log_.Dump();
     EXPECT_EQ(process->GetStatus(), status);
     EXPECT_FALSE(log_.Contains("Got update from process"));
+    // A wrongly adopted pid must not keep the child from its stop.
+    process->UpdatePid(child);
     EXPECT_EQ(process->Stop(), StatusCode::SUCCESS);
   }
   unsetenv("QWD_CHILD_MARK");
@@ -213,7 +217,7 @@ TEST_F(MonitoredProcessTest, NotificationsAreCheckedBeforeTheyAct) {
 
 TEST_F(MonitoredProcessTest, HeartbeatWithAnotherPidIsAdoptedAndWrittenDown) {
   ScaledClock clock(1000);
-  auto process = Child("other-pid", {"4242"});
+  auto process = Child("heartbeat", {"4242"});
   ASSERT_EQ(process->Start(), StatusCode::SUCCESS);
   const int32_t child = process->GetPid();
   ASSERT_EQ(process->GetIpcChannel()->ServerWaitAndProcess(5000), StatusCode::SUCCESS);
@@ -228,8 +232,8 @@ TEST_F(MonitoredProcessTest, HeartbeatWithAnotherPidIsAdoptedAndWrittenDown) {
 
 TEST_F(MonitoredProcessTest, CommandsReachTheHandlerOfTheirNumber) {
   ScaledClock clock(1000);
-  const IpcHandler handlers[] = {CountingHandler<1>, CountingHandler<2>};
-  auto process = Served("command", {"2"}, handlers, 2);
+  handlers_ = {CountingHandler<1>, CountingHandler<2>};
+  auto process = Served("command", {"2"});
   EXPECT_EQ(g_handlerCalls[1], 0);
   EXPECT_EQ(g_handlerCalls[2], 1);
   EXPECT_EQ(g_handlerContext, nullptr);
@@ -257,11 +261,17 @@ TEST_F(MonitoredProcessTest, StartForksNothingWithoutADirectoryOrABinary) {
   EXPECT_EQ(CountOwnChildren(), children);
 }
 
+// Only heartbeats naming a pid count as seen.
 TEST_F(MonitoredProcessTest, SilenceBeyondTheLimitFailsTheEntityWhenChecked) {
+  const std::string self = std::to_string(getpid());
   for (const bool checked : {true, false}) {
     FakeClock clock;
     auto process = Watched(kSelf.c_str(), checked);
     process->Start();
+    process->UpdatePid(getpid());
+    clock.Advance(5000);
+    process->UpdatePid(-1);
+    clock.Advance(3000);
     process->UpdatePid(getpid());
     clock.Advance(19999);
     process->CheckStatus();
@@ -270,45 +280,21 @@ TEST_F(MonitoredProcessTest, SilenceBeyondTheLimitFailsTheEntityWhenChecked) {
     process->CheckStatus();
     EXPECT_EQ(process->GetStatus(), checked ? Status::FAILED : Status::RUNNING);
   }
+  ExpectLogged({"new PID -1, last update before 5000 msecs\n",
+                "Changing PID for process '" + kSelf + "' from " + self + " to -1\n",
+                "new PID " + self + ", last update before 8000 msecs\n"});
   EXPECT_EQ(log_.Count("Process '" + kSelf +
                        "' last seen before 20000 msecs (max allowed 20000 msecs), setting state "
                        "to FAILED!\n"),
             1u);
 }
 
-TEST_F(MonitoredProcessTest, HeartbeatWithPidMinusOneDoesNotCountAsSeen) {
-  FakeClock clock;
-  auto process = Watched("agent");
-  process->UpdatePid(1234);
-  clock.Advance(5000);
-  process->UpdatePid(-1);
-  clock.Advance(3000);
-  process->UpdatePid(1234);
-  ExpectLogged({"new PID -1, last update before 5000 msecs\n",
-                "Changing PID for process 'agent' from 1234 to -1\n",
-                "new PID 1234, last update before 8000 msecs\n"});
-}
-
-// The pid may have been reused by another program: UNKNOWN, yet the OK line
-// follows the mismatch.
-TEST_F(MonitoredProcessTest, CmdlineNotNamingTheBinaryIsUnknown) {
-  auto process = Watched("qwd_not_this_program");
-  process->Start();
-  process->UpdatePid(getpid());
-  log_.Clear();
-  process->CheckStatus();
-  EXPECT_EQ(process->GetStatus(), Status::UNKNOWN);
-  const auto lines = log_.Lines();
-  ASSERT_EQ(lines.size(), 2u) << log_.Dump();
-  EXPECT_EQ(lines[0].message.find("Process 'qwd_not_this_program' cmdline is '"), 0u);
-  EXPECT_NE(lines[1].message.find("is OK!"), std::string::npos);
-}
-
+// A pid reused by another program is UNKNOWN too, yet its OK line follows.
 TEST_F(MonitoredProcessTest, CheckStatusWithoutALivePidIsUnknownButLeavesARestart) {
   const pid_t zombie = ExitedChild(false);
-  for (const pid_t pid : {-1, ExitedChild(true), zombie}) {
+  for (const pid_t pid : {-1, ExitedChild(true), zombie, getpid()}) {
     SCOPED_TRACE(pid);
-    auto process = Watched("agent");
+    auto process = Watched("qwd_not_this_program");
     process->UpdatePid(pid);
     process->SetStatus(Status::RESTART);
     process->CheckStatus();
@@ -317,7 +303,12 @@ TEST_F(MonitoredProcessTest, CheckStatusWithoutALivePidIsUnknownButLeavesARestar
     process->CheckStatus();
     EXPECT_EQ(process->GetStatus(), Status::UNKNOWN);
   }
-  EXPECT_EQ(log_.Count("Failed reading from process 'agent' command line file"), 2u);
+  EXPECT_EQ(log_.Count("Failed reading from process 'qwd_not_this_program' command line file"), 2u);
+  EXPECT_NE(log_.Dump().find("Process 'qwd_not_this_program' cmdline is '" +
+                             std::string(program_invocation_name) +
+                             "'\nProcess 'qwd_not_this_program' pid " + std::to_string(getpid()) +
+                             " is OK!\n"),
+            std::string::npos);
   waitpid(zombie, nullptr, 0);
 }
 
