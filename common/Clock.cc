@@ -1,7 +1,8 @@
 #include "common/Clock.h"
 
-#include <atomic>
 #include <cerrno>
+
+#include "common/Seam.h"
 
 namespace {
 
@@ -18,12 +19,10 @@ class RealClock final : public Clock {
 };
 
 RealClock g_realClock;
-std::atomic<Clock*> g_clock{&g_realClock};
+Seam<Clock> g_clock(&g_realClock);
 
 }  // namespace
 
-Clock& GetClock() { return *g_clock.load(std::memory_order_acquire); }
+Clock& GetClock() { return g_clock.Get(); }
 
-Clock* InstallClock(Clock* clock) {
-  return g_clock.exchange(clock != nullptr ? clock : &g_realClock);
-}
+Clock* InstallClock(Clock* clock) { return g_clock.Install(clock); }

@@ -1,7 +1,8 @@
 #include "common/Shell.h"
 
-#include <atomic>
 #include <cstdlib>
+
+#include "common/Seam.h"
 
 namespace {
 
@@ -11,12 +12,10 @@ class RealShell final : public Shell {
 };
 
 RealShell g_realShell;
-std::atomic<Shell*> g_shell{&g_realShell};
+Seam<Shell> g_shell(&g_realShell);
 
 }  // namespace
 
-Shell& GetShell() { return *g_shell.load(std::memory_order_acquire); }
+Shell& GetShell() { return g_shell.Get(); }
 
-Shell* InstallShell(Shell* shell) {
-  return g_shell.exchange(shell != nullptr ? shell : &g_realShell);
-}
+Shell* InstallShell(Shell* shell) { return g_shell.Install(shell); }

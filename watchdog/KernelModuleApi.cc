@@ -3,7 +3,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <atomic>
+#include "common/Seam.h"
 
 namespace {
 
@@ -23,12 +23,10 @@ class RealKernelModuleApi final : public KernelModuleApi {
 };
 
 RealKernelModuleApi g_realApi;
-std::atomic<KernelModuleApi*> g_api{&g_realApi};
+Seam<KernelModuleApi> g_api(&g_realApi);
 
 }  // namespace
 
-KernelModuleApi& GetKernelModuleApi() { return *g_api.load(std::memory_order_acquire); }
+KernelModuleApi& GetKernelModuleApi() { return g_api.Get(); }
 
-KernelModuleApi* InstallKernelModuleApi(KernelModuleApi* api) {
-  return g_api.exchange(api != nullptr ? api : &g_realApi);
-}
+KernelModuleApi* InstallKernelModuleApi(KernelModuleApi* api) { return g_api.Install(api); }
