@@ -25,7 +25,7 @@ std::unique_ptr<MonitoredProcess> CreateMonitoredProcess(
     const char* dirPath, const char* binaryName, const char* const* extraArgs, const char* libPath,
     int32_t maxLastSeenMsec, bool setLdLibPath, bool checkLastSeen, const char* socketName,
     uint32_t cmdDataSize, uint32_t replySize, const IpcHandler* handlers, int32_t handlerCount,
-    uint32_t connectTimeoutMsec) {
+    uint32_t connectTimeoutMsec, void* handlerContext) {
   // Every refusal comes before the entity exists, so that no destruction
   // line follows it.
   std::unique_ptr<IpcChannel> channel;
@@ -44,7 +44,7 @@ std::unique_ptr<MonitoredProcess> CreateMonitoredProcess(
     return nullptr;
   }
   for (int32_t id = 1; channel && id <= handlerCount; ++id) {
-    if (channel->RegisterHandler(id, handlers[id - 1], nullptr) != StatusCode::SUCCESS) {
+    if (channel->RegisterHandler(id, handlers[id - 1], handlerContext) != StatusCode::SUCCESS) {
       QWD_LOG_ERROR(kComponent, "Failed registering handler (command ID %d) for %s\n", id,
                     binaryName);
       return nullptr;

@@ -36,12 +36,13 @@ class MonitoredProcess final : public MonitoredEntity {
   // dirPath null or empty: the process is not launched by the watchdog, only
   // watched (its pid comes from its heartbeats). extraArgs is a null-terminated
   // array or null; its strings must outlive the entity. handlers[i] serves
-  // command i + 1. socketName null: no channel. Null (logged) on failure.
+  // command i + 1 and gets handlerContext. socketName null: no channel. Null
+  // (logged) on failure.
   friend std::unique_ptr<MonitoredProcess> CreateMonitoredProcess(
       const char* dirPath, const char* binaryName, const char* const* extraArgs,
       const char* libPath, int32_t maxLastSeenMsec, bool setLdLibPath, bool checkLastSeen,
       const char* socketName, uint32_t cmdDataSize, uint32_t replySize, const IpcHandler* handlers,
-      int32_t handlerCount, uint32_t connectTimeoutMsec);
+      int32_t handlerCount, uint32_t connectTimeoutMsec, void* handlerContext);
   // Logs its destruction and destroys the channel; the child is left alone.
   ~MonitoredProcess() override;
 
@@ -107,7 +108,7 @@ std::unique_ptr<MonitoredProcess> CreateMonitoredProcess(
     const char* dirPath, const char* binaryName, const char* const* extraArgs, const char* libPath,
     int32_t maxLastSeenMsec, bool setLdLibPath, bool checkLastSeen, const char* socketName,
     uint32_t cmdDataSize, uint32_t replySize, const IpcHandler* handlers, int32_t handlerCount,
-    uint32_t connectTimeoutMsec);
+    uint32_t connectTimeoutMsec, void* handlerContext = nullptr);
 
 // The status-notify handler (command 0); context is the MonitoredProcess.
 // Accepts only notifications naming one of the two watchdog sockets.
