@@ -1,0 +1,118 @@
+// The log viewer's parts on real files: which lines it understands, the order
+// of rotated and reused files, and following files that grow, are cut short
+// or are reused.
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "tests/support/TempDir.h"
+#include "tools/qwd-log/LogFiles.h"
+#include "tools/qwd-log/LogRecord.h"
+
+namespace {
+
+const std::string kPrefix = "Quillmor_40.5.21.71902_WatchdogLogger";
+
+std::string JsonLine(const std::string& level, const std::string& message) {
+  return "{\"level\": \"" + level +
+         "\", \"timestamp\": 7, \"metadata\" : {\"router_timestamp\" : \"2026-11-23 07:41:52\", "
+         "\"c_file\": \"../watchdog/Watchdog.cc\", \"line\": 42 }, \"message\": \"" +
+         message + " \"},";
+}
+
+// Sets a file's modification time to the given second.
+void Touch(const std::string& path, time_t second) {
+  const timespec times[2] = {{second, 0}, {second, 0}};
+  ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+}
+
+TEST(LogRecordTest, KnownLinesAreUnderstoodAndTheRestKeptWhole) {
+  const LogRecord entry = ParseLogLine(JsonLine("WARN", "Process 'a' is \xc3\xa9 OK!"));
+  EXPECT_EQ(entry.kind, LogLineKind::ENTRY);
+  EXPECT_EQ(entry.time + "|" + entry.level + "|" + entry.file + "|" + entry.message,
+            "2026-11-23 07:41:52|WARN|../watchdog/Watchdog.cc|Process 'a' is \xc3\xa9 OK!");
+  EXPECT_EQ(entry.line * 100 + entry.timestamp, 4207);
+
+  const LogRecord human = ParseLogLine(
+      "2026-11-23 07:41:52 ../watchdog/X.cc(486): INFO: DefaultAccountID Run Started it\n");
+  EXPECT_EQ(human.kind, LogLineKind::ENTRY);
+  EXPECT_EQ(human.file + ":" + std::to_string(human.line) + " " + human.level + " " +
+                human.function + " " + human.message,
+            "../watchdog/X.cc:486 INFO Run Started it");
+
+  const LogRecord header = ParseLogLine("{\"account_id\": \"acct-9\"},      ");
+  EXPECT_EQ(header.kind, LogLineKind::HEADER);
+  EXPECT_EQ(header.accountId, "acct-9");
+  EXPECT_EQ(ParseLogLine("{ \"level\": \"INFO\", \"message\": \"<--- Log file end --->\" }").kind,
+            LogLineKind::END_MARKER);
+  EXPECT_EQ(ParseLogLine("  ").kind, LogLineKind::BLANK);
+
+  const std::string full = JsonLine("INFO", "x");
+  for (const std::string& bad :
+       {full.substr(0, full.size() / 2), full + "trailing", std::string("plain text"),
+        std::string("{\"level\": \"CRASH\", \"message\": \"a \"quoted\" b\"},"),
+        std::string("{\"message\": \"no level\"},"),
+        std::string("2026-11-23 07:41:52 f.cc(x): INFO: a b c")}) {
+    const LogRecord record = ParseLogLine(bad);
+    EXPECT_EQ(record.kind, LogLineKind::UNPARSED) << bad;
+    EXPECT_EQ(record.text, bad);
+  }
+}
+
+TEST(LogFilesTest, FileNamesAndReadingOrderAcrossRotationAndReuse) {
+  LogFileName name;
+  ASSERT_TRUE(ParseLogFileName("/d/" + kPrefix + "_77_2.1", &name));
+  EXPECT_EQ(name.prefix + " " + std::to_string(name.pid) + " " + std::to_string(name.generation) +
+                " " + std::to_string(name.index),
+            kPrefix + " 77 2 1");
+  ASSERT_TRUE(ParseLogFileName("Quillmor_40.5.21.71902_WatchdogStackTrace_0.log", &name));
+  EXPECT_EQ(name.prefix, "Quillmor_40.5.21.71902_WatchdogStackTrace");
+  for (const char* bad : {"watchdog.cfg", "x_1.2", "_1_2.3", "Quillmor_a_b.c"}) {
+    EXPECT_FALSE(ParseLogFileName(bad, &name)) << bad;
+  }
+
+  // Generation 0 was written 0, 1, then 0 again (reused); generation 1 came
+  // last. The crash dump has a prefix of its own, read after.
+  TempDir dir;
+  const std::string g0i0 = dir.Write(kPrefix + "_77_0.0", "");
+  const std::string g0i1 = dir.Write(kPrefix + "_77_0.1", "");
+  const std::string g1i0 = dir.Write(kPrefix + "_77_1.0", "");
+  const std::string dump = dir.Write("Quillmor_40.5.21.71902_WatchdogStackTrace_0.log", "");
+  dir.Write("watchdog.cfg", "");
+  Touch(g0i1, 1000);
+  Touch(g0i0, 1001);
+  Touch(g1i0, 1002);
+  Touch(dump, 900);
+  EXPECT_EQ(ListLogFiles({dir.path()}), (std::vector<std::string>{g0i1, g0i0, g1i0, dump}));
+  EXPECT_EQ(ListLogFiles({dir.File("watchdog.cfg")}).size(), 1u);
+}
+
+TEST(LogTailTest, FollowsGrowthWaitsForCutLinesAndRereadsReusedFiles) {
+  TempDir dir;
+  const std::string path = dir.Write(kPrefix + "_1_0.0", "one\ntw");
+  LogTail tail;
+  std::vector<std::string> lines;
+  const LogTail::LineFn collect = [&](std::string_view line, const std::string&) {
+    lines.emplace_back(line);
+  };
+  tail.Read({path}, false, collect);
+  EXPECT_EQ(lines, std::vector<std::string>{"one"});
+  dir.Write(kPrefix + "_1_0.0", "one\ntwo\nthree\nfo");
+  tail.Read({path}, false, collect);
+  EXPECT_EQ(lines, (std::vector<std::string>{"one", "two", "three"}));
+  // Reused: emptied and written again, shorter than what was read.
+  dir.Write(kPrefix + "_1_0.0", "new\n");
+  tail.Read({path}, false, collect);
+  EXPECT_EQ(lines.back(), "new");
+  // A file cut in the middle of a line: the piece is given at the end.
+  dir.Write(kPrefix + "_1_0.0", "new\nhal");
+  tail.Read({path, dir.File("gone")}, true, collect);
+  EXPECT_EQ(lines, (std::vector<std::string>{"one", "two", "three", "new", "hal"}));
+}
+
+}  // namespace
