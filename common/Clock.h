@@ -3,6 +3,8 @@
 // The process's clocks and sleeping, behind one seam so that tests can replay
 // hours of supervision in milliseconds. The default is the real system.
 
+#include <poll.h>
+
 #include <cstdint>
 #include <ctime>
 
@@ -13,6 +15,12 @@ class Clock {
   virtual int GetTime(clockid_t clockId, timespec* out) = 0;
   // Blocks the caller for the given time (or, in a fake, lets it pass).
   virtual void SleepMsec(uint32_t msec) = 0;
+  // poll(2) whose time-out (milliseconds, negative: none) runs on this clock.
+  // The default is the real poll, real time included. (Inline, like the whole
+  // interface, so that it has no key function in the RTTI-free library.)
+  virtual int Poll(pollfd* fds, nfds_t count, int timeoutMsec) {
+    return poll(fds, count, timeoutMsec);
+  }
 };
 
 // The clock in force for the whole process.
@@ -23,3 +31,7 @@ Clock* InstallClock(Clock* clock);
 // Sleeping through the installed clock.
 inline void SleepMsec(uint32_t msec) { GetClock().SleepMsec(msec); }
 inline void SleepSec(uint32_t sec) { GetClock().SleepMsec(sec * 1000u); }
+// Polling through the installed clock.
+inline int PollMsec(pollfd* fds, nfds_t count, int timeoutMsec) {
+  return GetClock().Poll(fds, count, timeoutMsec);
+}

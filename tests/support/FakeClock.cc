@@ -36,6 +36,14 @@ void FakeClock::SleepMsec(uint32_t msec) {
   ++sleepCalls_;
 }
 
+int FakeClock::Poll(pollfd* fds, nfds_t count, int timeoutMsec) {
+  // An endless wait can end only with an event: that one is waited for for real.
+  if (timeoutMsec < 0) return poll(fds, count, timeoutMsec);
+  const int ready = poll(fds, count, 0);
+  if (ready == 0) monoMsec_ += timeoutMsec;
+  return ready;
+}
+
 ScaledClock::ScaledClock(uint32_t factor) : factor_(factor) {
   clock_gettime(CLOCK_MONOTONIC, &realStart_);
   previous_ = InstallClock(this);

@@ -9,7 +9,9 @@
 #include "common/Clock.h"
 
 // Time stands still until a sleep or Advance() moves it: a 3600 s sleep
-// returns at once, 3600 s later on the monotonic clock.
+// returns at once, 3600 s later on the monotonic clock. A poll sees only what
+// is already queued; when nothing is, its whole time-out passes at once (so
+// peers must have sent before the poll: live children need a ScaledClock).
 class FakeClock final : public Clock {
  public:
   explicit FakeClock(int64_t startMonoMsec = 1000000);
@@ -17,6 +19,7 @@ class FakeClock final : public Clock {
 
   int GetTime(clockid_t clockId, timespec* out) override;
   void SleepMsec(uint32_t msec) override;
+  int Poll(pollfd* fds, nfds_t count, int timeoutMsec) override;
 
   void Advance(int64_t msec) { monoMsec_ += msec; }
   int64_t NowMsec() const { return monoMsec_; }

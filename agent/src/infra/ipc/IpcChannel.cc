@@ -10,6 +10,7 @@
 #include <new>
 
 #include "agent/src/infra/ipc/UnixSocket.h"
+#include "common/Clock.h"
 #include "common/Log.h"
 #include "common/StringUtils.h"
 
@@ -17,6 +18,9 @@ namespace {
 
 constexpr uint32_t kComponent = LOGGER_COMPONENT_INFRA_IPC;
 constexpr int kListenBacklog = 2;
+// How long the data record may lag behind its header. A client sends both at
+// once; one that does not must not hold the serving thread.
+constexpr int kDataRecordWaitMsec = 300;
 
 }  // namespace
 
@@ -139,7 +143,7 @@ StatusCode IpcChannel::PollOnChannel(int32_t fd, int32_t timeoutMsec) {
     return StatusCode::FAILURE;
   }
   pollfd entry{fd, POLLIN, 0};
-  const int ready = poll(&entry, 1, timeoutMsec);
+  const int ready = PollMsec(&entry, 1, timeoutMsec);
   if (ready < 0) {
     const int err = errno;
     QWD_LOG_ERROR(kComponent, "Failed polling on socket %d, channel ID %s, errno %s(%d)\n", fd,
@@ -170,10 +174,8 @@ StatusCode IpcChannel::ReadRecord(int32_t fd, void* buffer, size_t size, bool st
   if (size != 0) std::memset(buffer, 0, size);
   const ssize_t got = read(fd, target, size != 0 ? size : 1);
   if (got < 1) {
-    const int err = errno;
-    QWD_LOG_ERROR(kComponent, "Read failed on channel ID %s, errno %s(%d)\n", channelId_.data(),
-                  got == 0 ? "end of stream" : std::strerror(err), got == 0 ? 0 : err);
-    return StatusCode::FAILURE;
+    const int err = got == 0 ? 0 : errno;
+    return ReadFailed(got == 0 ? "end of stream" : std::strerror(err), err);
   }
   if (strictRead && static_cast<size_t>(got) < size) {
     QWD_LOG_ERROR(kComponent,
@@ -182,6 +184,22 @@ StatusCode IpcChannel::ReadRecord(int32_t fd, void* buffer, size_t size, bool st
     return StatusCode::FAILURE;
   }
   return StatusCode::SUCCESS;
+}
+
+StatusCode IpcChannel::ReadDataRecord(size_t size, bool strictRead) {
+  pollfd entry{connectionFd_, POLLIN, 0};
+  const int ready = PollMsec(&entry, 1, kDataRecordWaitMsec);
+  if (ready < 1) {
+    const int err = ready == 0 ? ETIMEDOUT : errno;
+    return ReadFailed(std::strerror(err), err);
+  }
+  return ReadRecord(connectionFd_, requestBuffer_.get(), size, strictRead);
+}
+
+StatusCode IpcChannel::ReadFailed(const char* reason, int err) {
+  QWD_LOG_ERROR(kComponent, "Read failed on channel ID %s, errno %s(%d)\n", channelId_.data(),
+                reason, err);
+  return StatusCode::FAILURE;
 }
 
 StatusCode IpcChannel::WriteRecord(int32_t fd, const void* buffer, size_t size) {
@@ -319,11 +337,14 @@ StatusCode IpcChannel::HandleRequest(const IpcHeader& request, bool strictRead, 
                   kIpcMaxCommands, channelId_.data());
     return StatusCode::INVALID_PARAM;
   }
-  if (request.length != 0) {
+  if (request.length == 0) {
+    // A handler taking a string must not find the previous request's text.
+    if (requestBuffer_) std::memset(requestBuffer_.get(), 0, maxRequestSize_);
+  } else {
     // The size check deliberately comes after the read, so that an oversized
     // record is consumed (the socket discards its rest) before it is refused.
     const size_t toRead = std::min(request.length, maxRequestSize_);
-    const StatusCode status = ReadRecord(connectionFd_, requestBuffer_.get(), toRead, strictRead);
+    const StatusCode status = ReadDataRecord(toRead, strictRead);
     if (status != StatusCode::SUCCESS) return status;
     if (request.length > maxRequestSize_) {
       QWD_LOG_ERROR(kComponent, "Got size %zu, larger than max %zu for channel ID %s\n",

@@ -77,12 +77,16 @@ class IpcChannel {
   // reads. A time-out is deliberately reported as FAILURE.
   virtual StatusCode ServerWaitAndProcess(int32_t timeoutMsec);
   // Reads one request from the connection, checks it, runs its handler and
-  // writes the reply. With strictRead, a record shorter than asked fails.
+  // writes the reply. With strictRead, a record shorter than asked fails; so
+  // does a data record that is not there shortly after its header. The
+  // handler of a request without data sees a zeroed request buffer.
   // Returns whether the reply went out, not the handler's status; without a
   // readable header nothing is replied.
   virtual StatusCode ProcessRequest(bool strictRead);
   // The accepted connection (-1 when none), for an outside poll.
   virtual int32_t GetDescriptor();
+  // The socket path that names the channel in every log line.
+  const char* GetChannelId() const { return channelId_.data(); }
   virtual void CloseConnection();
   virtual void CloseServerSocket();
   // Connects to the server, 10 attempts a second apart (through SleepSec).
@@ -102,6 +106,11 @@ class IpcChannel {
                             uint32_t replyBufferSize, bool threadSafe);
   StatusCode PollOnChannel(int32_t fd, int32_t timeoutMsec);
   StatusCode ReadRecord(int32_t fd, void* buffer, size_t size, bool strictRead);
+  // The request's data record into the request buffer; a record that does
+  // not follow its header within a short wait is a failed read.
+  StatusCode ReadDataRecord(size_t size, bool strictRead);
+  // Logs a failed read: FAILURE.
+  StatusCode ReadFailed(const char* reason, int err);
   StatusCode WriteRecord(int32_t fd, const void* buffer, size_t size);
   // Header and, when there is data, the data record.
   StatusCode WriteMessage(int32_t fd, const IpcHeader& header, const void* data);

@@ -4,7 +4,9 @@
 #include <cstring>
 #include <new>
 
+#include "common/Clock.h"
 #include "common/Log.h"
+#include "common/TimeUtils.h"
 
 namespace {
 
@@ -19,6 +21,9 @@ constexpr const char* kWaitResultNames[] = {
     "poll returned an error (not a disconnection)",
     "Failed processing request",
 };
+
+// A descriptor poll skips (at most -2, so never the free slot's -1), and back.
+int Muted(int fd) { return -fd - 2; }
 
 }  // namespace
 
@@ -103,53 +108,87 @@ StatusCode IpcChannelListener::Wait(int32_t timeoutMsec, uint32_t* results) {
   // Removing free slots can drive the count below zero and round it up: never
   // poll or scan past the arrays.
   const uint32_t polled = std::min(inUse_, capacity_);
-  const int ready = poll(pollEntries_.get(), polled, timeoutMsec);
-  if (ready < 0) {
-    QWD_LOG_ERROR(kComponent, "IPC channel listener '%s' failed polling. Returned status %d\n",
-                  name_, ready);
-    return StatusCode::FAILURE;
+  const StatusCode status = PollSlots(timeoutMsec, results, polled);
+  for (uint32_t slot = 0; slot < polled; ++slot) {
+    if (pollEntries_[slot].fd < -1) pollEntries_[slot].fd = Muted(pollEntries_[slot].fd);
   }
-  if (ready == 0) {
-    QWD_LOG_ERROR(kComponent, "IPC channel listener '%s' polling timed out.\n", name_);
-    return StatusCode::TIMEOUT;
-  }
-  ClassifyEvents(results, polled);
+  if (status != StatusCode::SUCCESS) return status;
   for (uint32_t slot = 0; slot < polled; ++slot) {
     if (results[slot] != IPC_CHANNEL_TRIGGERED) continue;
-    const StatusCode status = channels_[slot]->ProcessRequest(true);
-    if (status == StatusCode::SUCCESS) {
+    const StatusCode processed = channels_[slot]->ProcessRequest(true);
+    if (processed == StatusCode::SUCCESS) {
       results[slot] = IPC_CHANNEL_PROCESSED_REQUEST;
     } else {
       results[slot] = IPC_CHANNEL_FAILED_PROCESSING;
       QWD_LOG_ERROR(kComponent,
                     "IPC channel listener '%s' Failed processing the request after it was "
                     "triggered.Returned status %s(%d)\n",
-                    name_, StatusCodeToStr(status), StatusCodeToInt(status));
+                    name_, StatusCodeToStr(processed), StatusCodeToInt(processed));
     }
   }
   return StatusCode::SUCCESS;
 }
 
-void IpcChannelListener::ClassifyEvents(uint32_t* results, uint32_t polled) {
+StatusCode IpcChannelListener::PollSlots(int32_t timeoutMsec, uint32_t* results, uint32_t polled) {
+  const int64_t start = GetCurrentTimeMsec();
+  bool eventSeen = false;
+  for (;;) {
+    const int64_t elapsed = GetCurrentTimeMsec() - start;
+    const int32_t left =
+        timeoutMsec < 0 ? -1 : static_cast<int32_t>(std::max<int64_t>(0, timeoutMsec - elapsed));
+    const int ready = PollMsec(pollEntries_.get(), polled, left);
+    if (ready < 0) {
+      QWD_LOG_ERROR(kComponent, "IPC channel listener '%s' failed polling. Returned status %d\n",
+                    name_, ready);
+      return StatusCode::FAILURE;
+    }
+    if (ready == 0) break;
+    eventSeen = true;
+    // A request ends the wait; a hang-up or error only mutes its slot (poll
+    // skips negative descriptors), since it would end every further poll at
+    // once and turn the caller's cycle into a busy loop.
+    if (ClassifyEvents(results, polled) || (left < 0 && !AnySlotListening(polled))) break;
+  }
+  if (!eventSeen) {
+    QWD_LOG_ERROR(kComponent, "IPC channel listener '%s' polling timed out.\n", name_);
+    return StatusCode::TIMEOUT;
+  }
+  return StatusCode::SUCCESS;
+}
+
+bool IpcChannelListener::ClassifyEvents(uint32_t* results, uint32_t polled) {
+  bool triggered = false;
   for (uint32_t slot = 0; slot < polled; ++slot) {
-    if (inUseFlags_[slot] == 0) continue;
     pollfd& entry = pollEntries_[slot];
+    if (inUseFlags_[slot] == 0 || entry.revents == 0) continue;
     if (entry.revents == POLLIN) {
       results[slot] = IPC_CHANNEL_TRIGGERED;
       entry.revents = 0;
-    } else if ((entry.revents & POLLHUP) != 0) {
+      triggered = true;
+      continue;
+    }
+    if ((entry.revents & POLLHUP) != 0) {
       results[slot] = IPC_CHANNEL_DISCONNECTED;
       QWD_LOG_ERROR(kComponent,
                     "IPC channel listener '%s' polled on channel ID %d for POLLIN, got a "
                     "disconnection\n",
                     name_, static_cast<int>(slot));
-    } else if (entry.revents != 0) {
+    } else {
       results[slot] = IPC_CHANNEL_POLL_ERROR;
       QWD_LOG_ERROR(kComponent,
                     "IPC channel listener '%s' polled on channel ID %d for POLLIN, got %d\n", name_,
                     static_cast<int>(slot), entry.revents);
     }
+    entry.fd = Muted(entry.fd);
   }
+  return triggered;
+}
+
+bool IpcChannelListener::AnySlotListening(uint32_t polled) const {
+  for (uint32_t slot = 0; slot < polled; ++slot) {
+    if (pollEntries_[slot].fd >= 0) return true;
+  }
+  return false;
 }
 
 IpcChannel* IpcChannelListener::GetChannelByDescriptor(int32_t slot) {

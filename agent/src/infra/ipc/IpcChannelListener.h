@@ -47,9 +47,12 @@ class IpcChannelListener {
   virtual void RemoveChannel(int32_t slot);
   // Polls the first in-use-count entries (callers remove and re-add all their
   // channels together, so these are the occupied ones) and processes one
-  // request on each readable channel. results needs capacity entries, filled
-  // by slot. SUCCESS whatever the slots' results; IRRELEVANT without
-  // channels; TIMEOUT or FAILURE when the poll itself gives nothing.
+  // request on each readable channel. A hang-up or poll error is reported in
+  // its slot but does not end the wait: the other slots are polled for the
+  // rest of the time-out (on the installed clock). results needs capacity
+  // entries, filled by slot. SUCCESS whatever the slots' results; IRRELEVANT
+  // without channels; TIMEOUT when nothing happened, FAILURE when the poll
+  // fails.
   virtual StatusCode Wait(int32_t timeoutMsec, uint32_t* results);
   // The channel in a slot (null when free or out of range).
   virtual IpcChannel* GetChannelByDescriptor(int32_t slot);
@@ -57,8 +60,15 @@ class IpcChannelListener {
  private:
   IpcChannelListener() = default;
   bool IpcChannelListenerCtor(uint32_t capacity, const char* name);
-  // Marks triggered, disconnected and failing slots among the first `polled`.
-  void ClassifyEvents(uint32_t* results, uint32_t polled);
+  // Polls the first `polled` entries until a request arrives or the time-out
+  // has run out; TIMEOUT when nothing at all happened.
+  StatusCode PollSlots(int32_t timeoutMsec, uint32_t* results, uint32_t polled);
+  // Marks triggered, disconnected and failing slots among the first `polled`,
+  // muting the last two (negative descriptor) for the rest of the wait. True when
+  // a request is waiting.
+  bool ClassifyEvents(uint32_t* results, uint32_t polled);
+  // Whether any of the first `polled` entries is still polled.
+  bool AnySlotListening(uint32_t polled) const;
 
   uint32_t capacity_ = 0;                    // number of slots, fixed at creation
   uint32_t inUse_ = 0;                       // occupied slots

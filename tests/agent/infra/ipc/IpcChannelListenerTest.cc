@@ -6,11 +6,13 @@
 
 #include <array>
 #include <string>
+#include <thread>
 
 #include <gtest/gtest.h>
 
 #include "agent/src/infra/ipc/IpcChannelListener.h"
 #include "tests/agent/infra/ipc/IpcTestPeer.h"
+#include "tests/support/FakeClock.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TempDir.h"
 
@@ -67,6 +69,27 @@ TEST_F(IpcChannelListenerTest, EachSlotReportsWhatHappenedWhileWaitSucceeds) {
   std::string data;
   ASSERT_TRUE(TakeReply(clients_[2], &reply, &data));
   EXPECT_EQ(reply.commandOrStatus, static_cast<uint32_t>(StatusCode::FAILURE));
+}
+
+// A client that hung up but lived on used to end every Wait at once, and the
+// 2-second watch cycle became a busy loop.
+TEST_F(IpcChannelListenerTest, HangUpNeitherShortensTheWaitNorHidesLaterRequests) {
+  close(clients_[1]);
+  clients_[1] = -1;
+  {
+    FakeClock clock;
+    const int64_t start = clock.NowMsec();
+    EXPECT_EQ(listener_->Wait(2000, results_.data()), StatusCode::SUCCESS);
+    EXPECT_EQ(clock.NowMsec() - start, 2000);
+    EXPECT_EQ(results_, (Results{0, 3, 0, 0, 0}));
+  }
+  std::thread late([this] {
+    usleep(50000);
+    SendRequest(4);
+  });
+  EXPECT_EQ(listener_->Wait(5000, results_.data()), StatusCode::SUCCESS);
+  late.join();
+  EXPECT_EQ(results_, (Results{0, 3, 0, 0, 1}));
 }
 
 TEST_F(IpcChannelListenerTest, WaitWithoutChannelsOrTrafficReturnsAtOnce) {

@@ -5,8 +5,10 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
+#include <future>
 #include <string>
 #include <thread>
 
@@ -109,6 +111,8 @@ TEST_F(IpcChannelTest, EveryRequestGetsItsReplyStatusAndTheNextOneIsServed) {
       {Header(kIpcMagic, 0, kFailWithData), "", kFailure, 5, 1,
        "Handler for command ID 1 on channel ID " + path_ + " returned FAILURE(3)"},
       {Header(kIpcMagic, 0, kBeyondBuffer), "", kInvalid, 64, 1, "claims 164 reply bytes"},
+      // Used to see the text of the request before it.
+      {Header(kIpcMagic, 0, kEchoText), "", 0, 0, 1, "Replying to cmd 5 with status SUCCESS(0)"},
       {Header(kIpcMagic, 0, kEcho).substr(0, 5), "", kNoReply, 0, 0,
        "Read only 5 bytes trying to read header of size 12"},
   };
@@ -140,6 +144,25 @@ TEST_F(IpcChannelTest, TimeOutsHangUpsAndMissingConnectionsAreFailures) {
   EXPECT_TRUE(log_.Contains("Client did not connect yet on channel ID"));
   EXPECT_EQ(server_->ServerAccept(10), StatusCode::FAILURE);
   EXPECT_TRUE(log_.Contains("Server failed waiting for new connection on channel ID"));
+}
+
+// A header announcing data that never came used to block the watchdog's only
+// thread in the read of the data record.
+TEST_F(IpcChannelTest, HalfSentRequestIsAFailedReadNotAHang) {
+  AcceptRawClient();
+  FakeClock clock;
+  ASSERT_TRUE(SendRecord(raw_, Header(kIpcMagic, 4, kEcho)));
+  auto served = std::async(std::launch::async, [this] { return server_->ProcessRequest(true); });
+  const bool returned = served.wait_for(std::chrono::seconds(5)) == std::future_status::ready;
+  if (!returned) SendRecord(raw_, "late");  // frees the blocked read
+  ASSERT_TRUE(returned);
+  EXPECT_EQ(served.get(), StatusCode::SUCCESS);
+  IpcHeader reply{};
+  ASSERT_TRUE(TakeReply(raw_, &reply, &reply_));
+  EXPECT_EQ(reply.commandOrStatus, kFailure);
+  EXPECT_TRUE(log_.Contains("Read failed on channel ID " + path_)) << log_.Dump();
+  EXPECT_EQ(g_handlerCalls, 0);
+  EXPECT_EQ(RawRequest(Header(kIpcMagic, 4, kEcho), "ping"), 0u);
 }
 
 TEST_F(IpcChannelTest, PathOutlivesTheChannel) {

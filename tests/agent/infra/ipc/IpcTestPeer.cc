@@ -22,15 +22,18 @@ StatusCode Handle(const void* data, size_t dataLen, void* reply, size_t replySiz
     return StatusCode::SUCCESS;
   }
   const char* const texts[] = {static_cast<const char*>(data), "abcde", "0123456789"};
-  *replyLen = id == kEcho ? std::min(dataLen, replySize) : std::strlen(texts[id]);
-  std::memcpy(reply, texts[id], *replyLen);
+  const char* text = id == kEchoText ? texts[kEcho] : texts[id];
+  *replyLen = id == kEcho       ? std::min(dataLen, replySize)
+              : id == kEchoText ? strnlen(text, replySize)
+                                : std::strlen(text);
+  std::memcpy(reply, text, *replyLen);
   return id == kFailWithData ? StatusCode::FAILURE : StatusCode::SUCCESS;
 }
 
 }  // namespace
 
 void RegisterTestHandlers(IpcChannel& server) {
-  for (intptr_t id = kEcho; id <= kBeyondBuffer; ++id) {
+  for (intptr_t id = kEcho; id <= kEchoText; ++id) {
     server.RegisterHandler(static_cast<int32_t>(id), Handle, reinterpret_cast<void*>(id));
   }
 }
