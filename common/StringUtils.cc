@@ -29,13 +29,16 @@ int32_t BoundedCopy(char* dst, size_t dstSize, const char* src, size_t srcLen, C
   dst[n] = '\0';
   if (capacity >= srcLen) return static_cast<int32_t>(n);
   if (log != CopyLog::kNone) {
+    // An unterminated SafeStrnCopy source ends at srcLen: print nothing beyond it.
+    const int shown = srcLen < static_cast<size_t>(kLoggedSourcePrefix) ? static_cast<int>(srcLen)
+                                                                        : kLoggedSourcePrefix;
     QWD_LOG_INFO(kComponent,
                  log == CopyLog::kCopy
                      ? "Can't fully copy a string - destination buffer is too small (%d) for "
                        "strlen = %d.                         Beginning of the string: '%.*s'\n"
                      : "Can't fully copy a string - destination buffer is too small (%d) for "
                        "strlen = %d.                     Beginning of the string: '%.*s'\n",
-                 static_cast<int>(capacity), static_cast<int>(srcLen), kLoggedSourcePrefix, src);
+                 static_cast<int>(capacity), static_cast<int>(srcLen), shown, src);
   }
   return -1;
 }
