@@ -1,5 +1,7 @@
 #include "watchdog/MonitoredProcess.h"
 
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstring>
 #include <new>
@@ -171,18 +173,24 @@ void MonitoredProcess::CheckStatus() {
   }
 }
 
-void MonitoredProcess::UpdatePid(int32_t pid) {
+StatusCode MonitoredProcess::UpdatePid(int32_t pid) {
+  // Stop would send its SIGTERM and SIGKILLs to whatever pid was adopted.
+  if (pid < 2 || pid == getpid()) {
+    QWD_LOG_ERROR(kComponent, "Refusing PID %d from process '%s'\n", pid, binaryName_.data());
+    return StatusCode::INVALID_PARAM;
+  }
   const int64_t now = GetCurrentTimeMsec();
   QWD_LOG_DEBUG(kComponent,
                 "Got update from process '%s' at '%s', new PID %d, last update before %llu msecs\n",
                 binaryName_.data(), dirPath_.data(), pid,
                 static_cast<unsigned long long>(now - lastSeenMsec_));
-  if (pid != -1) lastSeenMsec_ = now;
-  if (pid == pid_) return;
+  lastSeenMsec_ = now;
+  if (pid == pid_) return StatusCode::SUCCESS;
   QWD_LOG_ERROR(kComponent, "Changing PID for process '%s' from %d to %d\n", binaryName_.data(),
                 pid_, pid);
   pid_ = pid;
   WriteOwnPidFile();
+  return StatusCode::SUCCESS;
 }
 
 StatusCode MonitoredProcessNotifyHandler(const void* data, size_t dataLen, void* /*reply*/,
@@ -211,7 +219,7 @@ StatusCode MonitoredProcessNotifyHandler(const void* data, size_t dataLen, void*
   if (note.ok != 0) {
     QWD_LOG_DEBUG(kComponent, "Got OK status notification from '%s', PID %d\n",
                   note.socketName.data(), note.pid);
-    process->UpdatePid(note.pid);
+    if (process->UpdatePid(note.pid) != StatusCode::SUCCESS) return StatusCode::INVALID_PARAM;
   } else {
     QWD_LOG_INFO(kComponent, "Got failure status notification with msg '%s'\n",
                  note.message.data());

@@ -62,9 +62,10 @@ class MonitoredProcess final : public MonitoredEntity {
   IpcChannel* GetIpcChannel() override;
   // Records new memory and descriptor peaks of the process.
   void CheckResources() override;
-  // A heartbeat: refreshes the last-seen time (unless pid is -1) and adopts
-  // a pid that differs from the known one.
-  virtual void UpdatePid(int32_t pid);
+  // A heartbeat: refreshes the last-seen time and adopts a pid that differs
+  // from the known one. Pids that a stop must never signal (below 2, or the
+  // watchdog's own) are refused with INVALID_PARAM and change nothing.
+  virtual StatusCode UpdatePid(int32_t pid);
 
   int32_t GetPid() const { return pid_; }
 

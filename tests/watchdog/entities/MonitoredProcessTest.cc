@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -71,6 +72,33 @@ std::vector<size_t> KillRounds(const LogCapture& log) {
   }
   return rounds;
 }
+
+// A forked copy of this program that waits to be killed: a live pid whose
+// cmdline names kSelf, for heartbeats (the watchdog's own pid is refused).
+// It holds 4 MB, a memory peak worth logging, by the time it is constructed.
+struct Twin {
+  Twin() : pid(Fork()) {}
+  ~Twin() {
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+  }
+  static pid_t Fork() {
+    int ready[2];
+    char byte = 0;
+    if (pipe(ready) != 0) return -1;
+    const pid_t pid = fork();
+    if (pid == 0) {
+      const std::vector<char> ballast(4 << 20, 1);
+      if (write(ready[1], &byte, 1) == 1) pause();
+      _exit(0);
+    }
+    EXPECT_EQ(read(ready[0], &byte, 1), 1);
+    close(ready[0]);
+    close(ready[1]);
+    return pid;
+  }
+  const pid_t pid;
+};
 
 int g_handlerCalls[3];
 void* g_handlerContext = &g_handlerCalls;
@@ -175,6 +203,7 @@ TEST_F(MonitoredProcessTest, ChildIsLaunchedHeardCheckedAndStoppedOnSigterm) {
 
 TEST_F(MonitoredProcessTest, NotificationsAreCheckedBeforeTheyAct) {
   ScaledClock clock(1000);
+  const std::string self = std::to_string(getpid());
   setenv("QWD_CHILD_MARK", "inherited", 1);
   std::vector<std::string> fifteen;
   for (int i = 3; i <= 15; ++i) fifteen.push_back("a" + std::to_string(i));
@@ -196,6 +225,9 @@ TEST_F(MonitoredProcessTest, NotificationsAreCheckedBeforeTheyAct) {
       // argc, last argument, environment: the 15th extra argument is dropped.
       {"args", fifteen, "Got failure status notification with msg '15 a14 inherited'\n",
        Status::FAILED},
+      // Pids a stop must never signal; they used to be adopted.
+      {"heartbeat", {"1"}, "Refusing PID 1 from process 'qwd_test_child'\n", Status::RUNNING},
+      {"heartbeat", {self}, "Refusing PID " + self + " from process", Status::RUNNING},
   };
   for (const auto& [mode, extra, line, status] : kCases) {
     SCOPED_TRACE(line);
@@ -207,6 +239,7 @@ TEST_F(MonitoredProcessTest, NotificationsAreCheckedBeforeTheyAct) {
     const LoggerLevel level = status == Status::FAILED ? LoggerLevel::INFO : LoggerLevel::ERROR;
     EXPECT_EQ(log_.Count(level, line), 1u) << log_.Dump();
     EXPECT_EQ(process->GetStatus(), status);
+    EXPECT_EQ(process->GetPid(), child);
     EXPECT_FALSE(log_.Contains("Got update from process"));
     // A wrongly adopted pid must not keep the child from its stop.
     process->UpdatePid(child);
@@ -263,16 +296,17 @@ TEST_F(MonitoredProcessTest, StartForksNothingWithoutADirectoryOrABinary) {
 
 // Only heartbeats naming a pid count as seen.
 TEST_F(MonitoredProcessTest, SilenceBeyondTheLimitFailsTheEntityWhenChecked) {
-  const std::string self = std::to_string(getpid());
+  const Twin twin;
+  const std::string pid = std::to_string(twin.pid);
   for (const bool checked : {true, false}) {
     FakeClock clock;
     auto process = Watched(kSelf.c_str(), checked);
     process->Start();
-    process->UpdatePid(getpid());
+    process->UpdatePid(twin.pid);
     clock.Advance(5000);
-    process->UpdatePid(-1);
+    EXPECT_EQ(process->UpdatePid(-1), StatusCode::INVALID_PARAM);
     clock.Advance(3000);
-    process->UpdatePid(getpid());
+    process->UpdatePid(twin.pid);
     clock.Advance(19999);
     process->CheckStatus();
     EXPECT_EQ(process->GetStatus(), Status::RUNNING);
@@ -280,9 +314,8 @@ TEST_F(MonitoredProcessTest, SilenceBeyondTheLimitFailsTheEntityWhenChecked) {
     process->CheckStatus();
     EXPECT_EQ(process->GetStatus(), checked ? Status::FAILED : Status::RUNNING);
   }
-  ExpectLogged({"new PID -1, last update before 5000 msecs\n",
-                "Changing PID for process '" + kSelf + "' from " + self + " to -1\n",
-                "new PID " + self + ", last update before 8000 msecs\n"});
+  ExpectLogged({"Refusing PID -1 from process '" + kSelf + "'\n",
+                "new PID " + pid + ", last update before 8000 msecs\n"});
   EXPECT_EQ(log_.Count("Process '" + kSelf +
                        "' last seen before 20000 msecs (max allowed 20000 msecs), setting state "
                        "to FAILED!\n"),
@@ -292,7 +325,8 @@ TEST_F(MonitoredProcessTest, SilenceBeyondTheLimitFailsTheEntityWhenChecked) {
 // A pid reused by another program is UNKNOWN too, yet its OK line follows.
 TEST_F(MonitoredProcessTest, CheckStatusWithoutALivePidIsUnknownButLeavesARestart) {
   const pid_t zombie = ExitedChild(false);
-  for (const pid_t pid : {-1, ExitedChild(true), zombie, getpid()}) {
+  const Twin twin;
+  for (const pid_t pid : {-1, ExitedChild(true), zombie, twin.pid}) {
     SCOPED_TRACE(pid);
     auto process = Watched("qwd_not_this_program");
     process->UpdatePid(pid);
@@ -306,15 +340,16 @@ TEST_F(MonitoredProcessTest, CheckStatusWithoutALivePidIsUnknownButLeavesARestar
   EXPECT_EQ(log_.Count("Failed reading from process 'qwd_not_this_program' command line file"), 2u);
   EXPECT_NE(log_.Dump().find("Process 'qwd_not_this_program' cmdline is '" +
                              std::string(program_invocation_name) +
-                             "'\nProcess 'qwd_not_this_program' pid " + std::to_string(getpid()) +
+                             "'\nProcess 'qwd_not_this_program' pid " + std::to_string(twin.pid) +
                              " is OK!\n"),
             std::string::npos);
   waitpid(zombie, nullptr, 0);
 }
 
 TEST_F(MonitoredProcessTest, ResourceCheckRecordsPeaksOnce) {
+  const Twin twin;
   auto process = Watched(kSelf.c_str());
-  process->UpdatePid(getpid());
+  process->UpdatePid(twin.pid);
   process->CheckResources();
   process->CheckResources();
   EXPECT_EQ(log_.Count("MEM MAX: Process " + kSelf), 1u);
@@ -324,19 +359,20 @@ TEST_F(MonitoredProcessTest, ResourceCheckRecordsPeaksOnce) {
 TEST_F(MonitoredProcessTest, StopOfAPidThatCantBeSignalledEndsAtOnce) {
   FakeClock clock;
   const pid_t dead = ExitedChild(true);
-  // Pid 0 would signal the watchdog's own process group.
+  // Pid 0 would signal the watchdog's own process group: it is never adopted.
   for (const pid_t pid : {-1, 0, dead}) {
     SCOPED_TRACE(pid);
     auto process = Watched("agent");
-    process->UpdatePid(pid);
+    const StatusCode result = pid == dead ? StatusCode::SUCCESS : StatusCode::INVALID_PARAM;
+    EXPECT_EQ(process->UpdatePid(pid), result);
     process->SetStatus(Status::FAILED);
-    EXPECT_EQ(process->Stop(), pid == dead ? StatusCode::SUCCESS : StatusCode::INVALID_PARAM);
+    EXPECT_EQ(process->Stop(), result);
     EXPECT_EQ(process->GetStatus(), pid == dead ? Status::NOT_RUNNING : Status::FAILED);
-    EXPECT_EQ(process->GetPid(), pid == dead ? -1 : pid);
+    EXPECT_EQ(process->GetPid(), -1);
   }
-  ExpectLogged({"Can't stop process '' with pid -1!\n", "Can't stop process '' with pid 0!\n",
-                "Tried killing process with pid " + std::to_string(dead) +
-                    ", binary agent, but it is already dead\n"});
+  EXPECT_EQ(log_.Count("Can't stop process '' with pid -1!\n"), 2u);
+  ExpectLogged({"Tried killing process with pid " + std::to_string(dead) +
+                ", binary agent, but it is already dead\n"});
   EXPECT_EQ(clock.SleepCalls(), 0u);
 }
 
