@@ -6,7 +6,7 @@
 #include <cstring>
 #include <new>
 
-#include "agent/src/infra/io/StreamSeek.h"
+#include "agent/src/infra/io/Stream.h"
 #include "common/Log.h"
 #include "common/StringUtils.h"
 
@@ -38,7 +38,7 @@ FileReader::~FileReader() {
 
 bool FileReader::OpenIfNeeded() {
   if (stream_ == nullptr) {
-    stream_ = std::fopen(path_.data(), "rbe");
+    stream_ = OpenStream(path_.data(), "rbe");
   }
   return stream_ != nullptr;
 }

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <new>
 
-#include "agent/src/infra/io/StreamSeek.h"
+#include "agent/src/infra/io/Stream.h"
 #include "common/Log.h"
 #include "common/StringUtils.h"
 
@@ -33,7 +33,7 @@ bool FileWriter::FileWriterCtor(const char* path, int32_t bufferSize) {
 FileWriter::~FileWriter() { Close(); }
 
 bool FileWriter::OpenIfNeeded() {
-  if (stream_ == nullptr) stream_ = std::fopen(path_.data(), "wbe");
+  if (stream_ == nullptr) stream_ = OpenStream(path_.data(), "wbe");
   return stream_ != nullptr;
 }
 
