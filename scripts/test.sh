@@ -47,3 +47,4 @@ if command -v clang++ >/dev/null; then
     rm -rf "$corpus"
   done
 fi
+bash scripts/cross-mips.sh  # MIPS build, tests under qemu, router binary sizes
