@@ -24,9 +24,10 @@ int SetTermSignal() {
 }
 
 void TermSignalHandler(int signalNumber, siginfo_t* /*info*/, void* /*context*/) {
-  // The log call is deliberate even here: the line is worth more than the risk.
-  QWD_LOG_INFO(kComponent, "Larkspan termination signal:%d stopping agent and exit\n",
-               signalNumber);
+  // The signal may land while this thread holds the logger's lock: this call
+  // never waits for it, and the logger writes the line once the lock is free.
+  QWD_LOG_FROM_SIGNAL(kComponent, LoggerLevel::INFO,
+                      "Larkspan termination signal:%d stopping agent and exit\n", signalNumber);
   terminationRequested = 1;
 }
 

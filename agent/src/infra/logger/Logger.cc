@@ -23,18 +23,32 @@ thread_local bool t_insideLogger = false;
 Logger Logger::instance_;
 
 // The logger lock for one entry point; not held when this thread is already
-// inside the logger.
+// inside the logger, nor, without wait, when anyone else holds it. Releasing
+// it writes the signal line waiting in the slot.
 class Logger::LockedSection {
  public:
-  explicit LockedSection(Logger& logger) : logger_(logger) {
-    if (t_insideLogger || pthread_mutex_lock(&logger_.mutex_) != 0) return;
+  explicit LockedSection(Logger& logger, bool wait = true) : logger_(logger) {
+    if (t_insideLogger) return;
+    if ((wait ? pthread_mutex_lock(&logger_.mutex_) : pthread_mutex_trylock(&logger_.mutex_)) !=
+        0) {
+      return;
+    }
     t_insideLogger = true;
     held_ = true;
   }
   ~LockedSection() {
     if (!held_) return;
-    t_insideLogger = false;
-    pthread_mutex_unlock(&logger_.mutex_);
+    for (;;) {
+      logger_.WriteSignalLine();
+      t_insideLogger = false;
+      pthread_mutex_unlock(&logger_.mutex_);
+      // A signal between the write and the unlock found the lock taken.
+      if (logger_.signalLineState_.load() != kSlotReady ||
+          pthread_mutex_trylock(&logger_.mutex_) != 0) {
+        return;
+      }
+      t_insideLogger = true;
+    }
   }
   LockedSection(const LockedSection&) = delete;
   LockedSection& operator=(const LockedSection&) = delete;
@@ -205,6 +219,39 @@ void Logger::Print(uint32_t component, const char* function, LoggerLevel level,
   LockedSection section(*this);
   if (!section.Held() || (checkLevel && !LevelPasses(component, level))) return;
   WriteLine(function, level, sourceFile, line, format, args);
+}
+
+void Logger::PrintFromSignal(uint32_t component, const char* function, LoggerLevel level,
+                             const char* sourceFile, int line, const char* message) {
+  uint32_t expected = kSlotFree;
+  if (signalLineState_.compare_exchange_strong(expected, kSlotFilling)) {
+    signalLine_.component = component;
+    signalLine_.function = function;
+    signalLine_.level = level;
+    signalLine_.sourceFile = sourceFile;
+    signalLine_.line = line;
+    SafeStrCopyNoLogs(signalLine_.message.data(), signalLine_.message.size(), message);
+    signalLineState_.store(kSlotReady);
+  }
+  // Written by this section's release when the lock is free, else by its holder's.
+  LockedSection section(*this, false);
+}
+
+void Logger::WriteSignalLine() {
+  if (signalLineState_.load() != kSlotReady) return;
+  if (LevelPasses(signalLine_.component, signalLine_.level)) {
+    WriteFormattedLine(signalLine_.function, signalLine_.level, signalLine_.sourceFile,
+                       signalLine_.line, "%s", signalLine_.message.data());
+  }
+  signalLineState_.store(kSlotFree);
+}
+
+void Logger::WriteFormattedLine(const char* function, LoggerLevel level, const char* sourceFile,
+                                int line, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  WriteLine(function, level, sourceFile, line, format, args);
+  va_end(args);
 }
 
 void Logger::WriteLine(const char* function, LoggerLevel level, const char* sourceFile, int line,

@@ -11,6 +11,11 @@
 // the same thread (the file writer reporting a failure from under a target) is
 // dropped rather than waited for; the logger and its targets report their own
 // trouble on standard output.
+//
+// A signal handler's line (PrintFromSignal) never waits for the lock, which
+// the interrupted thread may hold: it is written at once when the lock is
+// free, otherwise it waits in a single slot and whoever holds the lock writes
+// it on releasing it. A second such line while the slot is taken is lost.
 
 #include <pthread.h>
 
@@ -76,9 +81,21 @@ class Logger final : public LogSink {
   void Print(uint32_t component, const char* function, LoggerLevel level, const char* sourceFile,
              int line, bool checkLevel, const char* format, va_list args) override
       __attribute__((format(printf, 8, 0)));
+  void PrintFromSignal(uint32_t component, const char* function, LoggerLevel level,
+                       const char* sourceFile, int line, const char* message) override;
 
  private:
   class LockedSection;
+  // A line recorded by a signal handler, waiting for the lock.
+  struct SignalLine {
+    uint32_t component;
+    const char* function;
+    LoggerLevel level;
+    const char* sourceFile;
+    int line;
+    std::array<char, kSignalLogMessageSize> message;
+  };
+  enum SignalLineState : uint32_t { kSlotFree, kSlotFilling, kSlotReady };
 
   Logger() = default;
   // At exit: no line may reach a logger whose targets are gone.
@@ -87,6 +104,10 @@ class Logger final : public LogSink {
   bool LevelPasses(uint32_t component, LoggerLevel level) const;
   void WriteLine(const char* function, LoggerLevel level, const char* sourceFile, int line,
                  const char* format, va_list args) __attribute__((format(printf, 6, 0)));
+  void WriteFormattedLine(const char* function, LoggerLevel level, const char* sourceFile, int line,
+                          const char* format, ...) __attribute__((format(printf, 6, 7)));
+  // Under the lock: writes the recorded signal line, if there is one.
+  void WriteSignalLine();
   bool WriteHeaderToAllTargets();
   bool ConfigureUdpTargetLocked(const LoggerConfig* udpConfig);
   void ClearTargets();
@@ -102,5 +123,7 @@ class Logger final : public LogSink {
   std::array<char, kAccountIdSize> accountId_{};                        // heads every file
   std::atomic<uint8_t> humanReadable_{0};                               // 0: JSON lines
   std::array<char, kLineBufferSize> lineBuffer_{};                      // the line being written
-  LogLineFormatter::DateTimeCache dateCache_;  // date text of the last second logged
+  LogLineFormatter::DateTimeCache dateCache_;         // date text of the last second logged
+  SignalLine signalLine_{};                           // a signal handler's line, in the slot
+  std::atomic<uint32_t> signalLineState_{kSlotFree};  // SignalLineState of the slot
 };
