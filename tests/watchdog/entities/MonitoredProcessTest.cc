@@ -206,7 +206,7 @@ TEST_F(MonitoredProcessTest, NotificationsAreCheckedBeforeTheyAct) {
   const std::string self = std::to_string(getpid());
   setenv("QWD_CHILD_MARK", "inherited", 1);
   std::vector<std::string> fifteen;
-  for (int i = 3; i <= 15; ++i) fifteen.push_back("a" + std::to_string(i));
+  for (int i = 3; i <= 15; ++i) fifteen.push_back('a' + std::to_string(i));
   // Mode, its arguments, the line it causes, the status it leaves.
   const std::tuple<const char*, std::vector<std::string>, std::string, Status> kCases[] = {
       {"fail",
