@@ -1,16 +1,21 @@
 // Feeds arbitrary record sequences to IpcChannel::ProcessRequest over a real
 // SOCK_SEQPACKET connection with handlers registered, and checks that every
 // reply is well formed: the server must answer or fail as the protocol says,
-// never read or write out of bounds, and keep serving the same connection.
+// never read or write out of bounds, never block, and
+// keep serving the same connection. Requests are processed as the listener
+// does: one for each time the connection polls readable.
 //
-// Input: one flags byte (bit 0: strict reads), then records, each a 2-byte
-// length (high byte first) and that many bytes, the last one cut by the end
-// of the input. At most kMaxRecords records per input.
+// Input: one flags byte (bit 0: strict reads; bit 1: the client shuts its
+// sending side after its records, otherwise the connection stays open as a
+// live client's does), then records, each a 2-byte length (high byte first)
+// and that many bytes, the last one cut by the end of the input. At most
+// kMaxRecords records per input.
 
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -20,6 +25,7 @@
 
 #include "agent/src/infra/ipc/IpcChannel.h"
 #include "agent/src/infra/ipc/UnixSocket.h"
+#include "common/Clock.h"
 
 namespace {
 
@@ -67,6 +73,15 @@ StatusCode Silent(const void* data, size_t dataLen, void*, size_t, size_t* reply
   return static_cast<StatusCode>(Checksum(data, dataLen) % 24);
 }
 
+// Polls never wait: a record that is not queued yet never will be, and the
+// channel's short wait for a late data record would only slow the fuzzer.
+class NoWaitClock final : public Clock {
+ public:
+  int GetTime(clockid_t clockId, timespec* out) override { return clock_gettime(clockId, out); }
+  void SleepMsec(uint32_t) override {}
+  int Poll(pollfd* fds, nfds_t count, int) override { return poll(fds, count, 0); }
+};
+
 struct Harness {
   std::string dir;
   std::string path;
@@ -85,6 +100,8 @@ Harness* GetHarness() {
   char dir[] = "/tmp/qwd-fuzz-XXXXXX";
   if (mkdtemp(dir) == nullptr) std::abort();
   g_harness = new Harness{dir, std::string(dir) + "/ipc.socket", nullptr};
+  static NoWaitClock clock;
+  InstallClock(&clock);
   g_harness->server = CreateIpcChannel(g_harness->path.c_str(), kMaxRequest, kReplySize, false);
   IpcChannel& server = *g_harness->server;
   server.RegisterHandler(0, Echo, nullptr);
@@ -104,6 +121,11 @@ int Connect(const std::string& path) {
     std::abort();
   }
   return fd;
+}
+
+bool Readable(int fd) {
+  pollfd entry{fd, POLLIN, 0};
+  return poll(&entry, 1, 0) == 1 && (entry.revents & POLLIN) != 0;
 }
 
 // Sends the input's records without blocking; the number sent.
@@ -151,10 +173,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (server.ServerAccept(1000) != StatusCode::SUCCESS) std::abort();
 
   const size_t records = SendRecords(client, data + 1, size - 1);
-  // With the client's side shut, a missing record reads as the end of the
-  // stream instead of blocking; each call consumes at least one record.
-  shutdown(client, SHUT_WR);
-  for (size_t i = 0; i <= records; ++i) server.ProcessRequest(strictRead);
+  if ((data[0] & 2) != 0) shutdown(client, SHUT_WR);
+  // Each call consumes at least one record or fails (a shut side stays
+  // readable for ever).
+  for (size_t i = 0; i <= records && Readable(server.GetDescriptor()); ++i) {
+    const auto start = std::chrono::steady_clock::now();
+    server.ProcessRequest(strictRead);
+    // Nothing in it waits on this clock: a slow request was a blocking read,
+    // cut short only by libFuzzer's own SIGALRM (a real server hangs there).
+    if (std::chrono::steady_clock::now() - start > std::chrono::seconds(1)) __builtin_trap();
+  }
   CheckReplies(client);
 
   close(client);

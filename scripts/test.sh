@@ -43,7 +43,9 @@ if command -v clang++ >/dev/null; then
     corpus=$(mktemp -d)
     cp -r "fuzz/corpus/$name/." "$corpus/" 2>/dev/null || true
     echo "== fuzzing $name for ${QWD_FUZZ_SECONDS:-20} s"
-    "$target" -max_total_time="${QWD_FUZZ_SECONDS:-20}" -print_final_stats=1 "$corpus" 2>&1 | tail -n 12
+    # An input that blocks the server for 10 s is a failure, like a crash.
+    "$target" -max_total_time="${QWD_FUZZ_SECONDS:-20}" -timeout=10 -print_final_stats=1 \
+      "$corpus" 2>&1 | tail -n 12
     rm -rf "$corpus"
   done
 fi
