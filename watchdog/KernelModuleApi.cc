@@ -3,7 +3,10 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include "common/Seam.h"
+#include <array>
+#include <cstdio>
+
+#include "common/ProcRoot.h"
 
 namespace {
 
@@ -19,13 +22,24 @@ class RealKernelModuleApi final : public KernelModuleApi {
     return static_cast<int>(syscall(SYS_delete_module, name, flags));
   }
 
-  const char* ModulesListPath() override { return "/proc/modules"; }
+  const char* ModulesListPath() override {
+    std::snprintf(path_.data(), path_.size(), "%s/modules", GetProcRoot());
+    return path_.data();
+  }
+
+ private:
+  std::array<char, 264> path_{};  // the last path built
 };
 
 RealKernelModuleApi g_realApi;
 Seam<KernelModuleApi> g_api(&g_realApi);
 
 }  // namespace
+
+template <>
+Seam<KernelModuleApi>& SeamOf<KernelModuleApi>() {
+  return g_api;
+}
 
 KernelModuleApi& GetKernelModuleApi() { return g_api.Get(); }
 

@@ -22,5 +22,9 @@ int main(int argc, char* argv[]) {
   }
   const char* slash = std::strrchr(argv[0], '/');
   programName = slash != nullptr ? slash + 1 : argv[0];
-  return 0;
+
+  // Static, so that the ways out through exit() still close its channels.
+  static Watchdog watchdog;
+  watchdog.Init();
+  return watchdog.Run();
 }

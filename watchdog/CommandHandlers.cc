@@ -1,0 +1,174 @@
+// The commands the agent's processes send to the watchdog (ids 1 to 9 on
+// every process channel). They run inside the supervision loop's listener
+// wait and mostly change what the loop reads in the same cycle. Numbers are
+// 32-bit in host order; a request shorter than what a handler reads is the
+// sender's fault and reads as zeros.
+
+#include <cstring>
+
+#include "agent/src/infra/logger/Logger.h"
+#include "common/Log.h"
+#include "common/LoggerLevelNames.h"
+#include "common/ProcessUtils.h"
+#include "common/StringUtils.h"
+#include "watchdog/Config.h"
+#include "watchdog/Installation.h"
+#include "watchdog/MonitoredModule.h"
+#include "watchdog/Watchdog.h"
+
+namespace {
+
+constexpr uint32_t kComponent = LOGGER_COMPONENT_WATCHDOG;
+constexpr size_t kTextSize = 256;
+
+uint32_t ReadU32(const void* data, size_t dataLen, size_t offset) {
+  uint32_t value = 0;
+  if (data != nullptr && dataLen >= offset + sizeof(value)) {
+    std::memcpy(&value, static_cast<const uint8_t*>(data) + offset, sizeof(value));
+  }
+  return value;
+}
+
+// The request's text, terminated whatever the sender wrote.
+void ReadText(const void* data, size_t dataLen, char (&text)[kTextSize]) {
+  text[0] = '\0';
+  if (data != nullptr) SafeStrnCopy(text, sizeof(text), static_cast<const char*>(data), dataLen);
+}
+
+StatusCode Reply(uint32_t value, void* reply, size_t replySize, size_t* replyLen) {
+  *replyLen = 0;
+  if (reply == nullptr || replySize < sizeof(value)) return StatusCode::SUCCESS;
+  std::memcpy(reply, &value, sizeof(value));
+  *replyLen = sizeof(value);
+  return StatusCode::SUCCESS;
+}
+
+// The version becomes a directory whose control script runs as root.
+bool IsSafeVersionText(const char* text) {
+  return text[0] != '\0' && std::strchr(text, '/') == nullptr && std::strstr(text, "..") == nullptr;
+}
+
+}  // namespace
+
+const IpcHandler Watchdog::kCommandHandlers[kNumCommandHandlers] = {
+    HandleIncreaseLogGeneration,  HandleSetComponentLogLevel,
+    HandleOperationalModeRequest, HandleRestartAll,
+    HandleNewestVersion,          HandleSetAccountId,
+    HandleSetMemoryLimit,         HandleGetPid,
+    HandleLoadKernelModule,
+};
+
+StatusCode Watchdog::HandleIncreaseLogGeneration(const void*, size_t, void* reply, size_t replySize,
+                                                 size_t* replyLen, void*) {
+  const uint32_t previous = Logger::LoggerGenerationInc();
+  QWD_LOG_VERBOSE(kComponent, "Increased log generation, previous log generation %d\n",
+                  static_cast<int>(previous));
+  return Reply(previous, reply, replySize, replyLen);
+}
+
+StatusCode Watchdog::HandleSetComponentLogLevel(const void* data, size_t dataLen, void*, size_t,
+                                                size_t* replyLen, void*) {
+  *replyLen = 0;
+  const uint32_t component = ReadU32(data, dataLen, 0);
+  const uint32_t level = ReadU32(data, dataLen, sizeof(uint32_t));
+  Logger::UpdateSingleCompLogLevel(component, level);
+  QWD_LOG_VERBOSE(kComponent, "Changed log level for component %d to %s(%d)\n",
+                  static_cast<int>(component), LoggerLevelToStr(level), static_cast<int>(level));
+  return StatusCode::SUCCESS;
+}
+
+StatusCode Watchdog::HandleOperationalModeRequest(const void* data, size_t dataLen, void*, size_t,
+                                                  size_t* replyLen, void* context) {
+  *replyLen = 0;
+  const uint32_t mode = ReadU32(data, dataLen, 0);
+  if (mode >= OPERATIONAL_MODE_NUM_OF) {
+    QWD_LOG_ERROR(kComponent, "Got a request for operational mode %d?\n", static_cast<int>(mode));
+    return StatusCode::INVALID_PARAM;
+  }
+  static_cast<Watchdog*>(context)->ChangeOperationalMode(mode);
+  return StatusCode::SUCCESS;
+}
+
+StatusCode Watchdog::HandleRestartAll(const void* data, size_t dataLen, void*, size_t,
+                                      size_t* replyLen, void* context) {
+  *replyLen = 0;
+  auto* watchdog = static_cast<Watchdog*>(context);
+  watchdog->stopDelayMs_ = ReadU32(data, dataLen, 0);
+  watchdog->RestartAllEntities();
+  return StatusCode::SUCCESS;
+}
+
+StatusCode Watchdog::HandleNewestVersion(const void* data, size_t dataLen, void*, size_t,
+                                         size_t* replyLen, void* context) {
+  *replyLen = 0;
+  auto* watchdog = static_cast<Watchdog*>(context);
+  char text[kTextSize];
+  ReadText(data, dataLen, text);
+  QWD_LOG_INFO(kComponent, "Got newest Quillmor version from agent [%s]", text);
+  if (!IsSafeVersionText(text)) {
+    QWD_LOG_ERROR(kComponent, "Refusing newest version '%s': not a version directory name\n", text);
+    return StatusCode::INVALID_PARAM;
+  }
+  if (std::strncmp(text, watchdog->currentVersion_.data(), kVersionSize) != 0) {
+    watchdog->newestVersion_.fill('\0');
+    SafeStrCopy(watchdog->newestVersion_, text);
+  }
+  return StatusCode::SUCCESS;
+}
+
+StatusCode Watchdog::HandleSetAccountId(const void* data, size_t dataLen, void*, size_t,
+                                        size_t* replyLen, void*) {
+  *replyLen = 0;
+  char text[kTextSize];
+  ReadText(data, dataLen, text);
+  Logger::SetAccountId(text);
+  return StatusCode::SUCCESS;
+}
+
+StatusCode Watchdog::HandleSetMemoryLimit(const void* data, size_t dataLen, void*, size_t,
+                                          size_t* replyLen, void* context) {
+  *replyLen = 0;
+  auto* watchdog = static_cast<Watchdog*>(context);
+  watchdog->memoryLimitBytes_ = ReadU32(data, dataLen, 0);
+  watchdog->memoryLimitTriggersSafeMode_ =
+      dataLen > sizeof(uint32_t) && static_cast<const uint8_t*>(data)[sizeof(uint32_t)] != 0;
+  QWD_LOG_INFO(kComponent,
+               "System memory limit is set: Memory [%zu] bytes, trigger safe mode[%s]\n",
+               static_cast<size_t>(watchdog->memoryLimitBytes_),
+               watchdog->memoryLimitTriggersSafeMode_ ? "True" : "False");
+  return StatusCode::SUCCESS;
+}
+
+StatusCode Watchdog::HandleGetPid(const void*, size_t, void* reply, size_t replySize,
+                                  size_t* replyLen, void*) {
+  const pid_t pid = GetCachedPid();
+  QWD_LOG_DEBUG(kComponent, "Getting Watchdog's pid: %d\n", static_cast<int>(pid));
+  return Reply(static_cast<uint32_t>(pid), reply, replySize, replyLen);
+}
+
+StatusCode Watchdog::HandleLoadKernelModule(const void*, size_t, void* reply, size_t replySize,
+                                            size_t* replyLen, void* context) {
+  *replyLen = 0;
+  auto* watchdog = static_cast<Watchdog*>(context);
+  std::array<char, Installation::kDirNameSize> dir{};
+  std::array<char, Installation::kBaseNameSize> file{};
+  Installation::SplitPath(Config::GetStrValue(CFG_MODULE_SYM_LINK_PATH), dir, file);
+  QWD_LOG_INFO(kComponent, "Watchdog received load kernel module command\n");
+  std::unique_ptr<MonitoredModule> module =
+      CreateMonitoredModule(dir.data(), file.data(), "nfmodule", nullptr);
+  if (!module) {
+    QWD_LOG_ERROR(kComponent, "Failed to allocate monitored entity!\n");
+    return StatusCode::FAILURE;
+  }
+  // The normal row watches the module whatever the current mode; the loop
+  // drops it after every stop of all entities.
+  EntityRow& normal = watchdog->entityTable_[OPERATIONAL_MODE_NORMAL];
+  normal.entities[0] = std::move(module);
+  normal.indices[0] = 0;
+  const StatusCode started = normal.entities[0]->Start();
+  if (started != StatusCode::SUCCESS) {
+    QWD_LOG_ERROR(kComponent, "Failed to start kernel module!\n");
+    return started;
+  }
+  return Reply(static_cast<uint32_t>(normal.entities[0]->GetStatus()), reply, replySize, replyLen);
+}
