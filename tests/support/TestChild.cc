@@ -15,15 +15,35 @@
 //   never-connect    wait
 //   die              exit with status 1 at once
 // Waiting ends with SIGTERM (exit status 0) or SIGKILL.
+//
+// Launched by the watchdog with $QWD_CHILD_PLAN_DIR set, it plays its role (the
+// file name it was started under) from $QWD_CHILD_PLAN_DIR: launch N runs
+// line N of "<role>.plan" (the last line once past the end), after adding
+// its pid and arguments as a line to "<role>.launches". A line is a list of
+// steps: hb (one heartbeat), beat (a heartbeat a second, for ever), fail,
+// pid N (a heartbeat naming pid N), cmd ID [U32...], text ID [TEXT] (no
+// data when TEXT is absent), exit N, ignore-term, wait. Replies go to "<role>.replies" as
+// "<id> <status> <first reply word>". The line "half" alone sends a header
+// announcing data and no data, and waits.
 
 #include <signal.h>
 #include <unistd.h>
 
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <memory>
+#include <set>
+#include <sstream>
 #include <string>
+#include <vector>
 
 #include "agent/src/infra/ipc/IpcChannel.h"
 #include "common/StringUtils.h"
@@ -37,9 +57,106 @@ namespace {
 
 void ExitOnTerm(int) { _exit(0); }
 
+StatusCode Heartbeat(IpcChannel& channel, const char* socketName, int32_t pid, bool ok) {
+  StatusNotification note{};
+  note.ok = ok ? 1 : 0;
+  note.pid = pid;
+  SafeStrCopy(note.socketName, socketName);
+  SafeStrCopy(note.message, "planned failure");
+  uint32_t reply = 0;
+  return channel.SendCommand(kStatusNotifyCommand, &note, sizeof(note), &reply, sizeof(reply),
+                             10000);
+}
+
+int RunPlan(int argc, char** argv) {
+  const std::string dir =
+      std::getenv("QWD_CHILD_PLAN_DIR") ? std::getenv("QWD_CHILD_PLAN_DIR") : ".";
+  const std::string role = std::strrchr(argv[0], '/') ? std::strrchr(argv[0], '/') + 1 : argv[0];
+  const std::string base = dir + "/" + role;
+  std::vector<std::string> lines;
+  std::ifstream planFile(base + ".plan");
+  for (std::string line; std::getline(planFile, line);) lines.push_back(line);
+  size_t launch = 0;
+  std::ifstream launches(base + ".launches");
+  for (std::string line; std::getline(launches, line);) ++launch;
+  std::ofstream(base + ".launches", std::ios::app) << getpid() << [&] {
+    std::string args;
+    for (int i = 1; i < argc; ++i) args += std::string(" ") + argv[i];
+    return args;
+  }() << std::endl;
+  const std::string plan = lines.empty() ? "wait" : lines[std::min(launch, lines.size() - 1)];
+
+  signal(SIGTERM, ExitOnTerm);
+  const char* socketName =
+      role == "quillmorSystemExec" ? kSystemExecSocketName : kUserAgentSocketName;
+  if (plan == "half") {
+    // A header that announces data, and no data: the reply must still come.
+    const int fd = socket(AF_UNIX, SOCK_SEQPACKET, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    SafeStrCopy(address.sun_path, sizeof(address.sun_path), socketName);
+    if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) return 3;
+    const IpcHeader header{kIpcMagic, 8, 3};
+    IpcHeader reply{};
+    send(fd, &header, sizeof(header), 0);
+    pollfd entry{fd, POLLIN, 0};
+    if (poll(&entry, 1, 5000) == 1 && recv(fd, &reply, sizeof(reply), 0) == sizeof(reply)) {
+      std::ofstream(base + ".replies", std::ios::app) << "3 " << reply.commandOrStatus << " 0\n";
+    }
+    WaitForSignal();
+  }
+  std::unique_ptr<IpcChannel> channel = CreateIpcChannel(socketName, 0, 16, false);
+  std::istringstream in(plan);
+  const std::vector<std::string> steps{std::istream_iterator<std::string>(in), {}};
+  auto isNumber = [](const std::string& t) { return !t.empty() && std::isdigit(t[0]); };
+  if (plan.rfind("ignore-term", 0) != 0 &&
+      (!channel || channel->Connect(false) != StatusCode::SUCCESS)) {
+    return 3;
+  }
+  for (size_t i = 0; i < steps.size(); ++i) {
+    const std::string& step = steps[i];
+    if (step == "hb" || step == "fail") {
+      Heartbeat(*channel, socketName, getpid(), step == "hb");
+    } else if (step == "pid") {
+      Heartbeat(*channel, socketName, std::atoi(steps[++i].c_str()), true);
+    } else if (step == "beat") {
+      for (;;) {
+        Heartbeat(*channel, socketName, getpid(), true);
+        sleep(1);
+      }
+    } else if (step == "cmd" || step == "text") {
+      const int32_t id = std::atoi(steps[++i].c_str());
+      std::vector<uint32_t> numbers;
+      std::string text;
+      while (step == "cmd" && i + 1 < steps.size() && isNumber(steps[i + 1])) {
+        numbers.push_back(static_cast<uint32_t>(std::strtoul(steps[++i].c_str(), nullptr, 10)));
+      }
+      static const std::set<std::string> kSteps = {"hb",   "fail", "pid",         "beat", "cmd",
+                                                   "text", "exit", "ignore-term", "wait"};
+      if (step == "text" && i + 1 < steps.size() && kSteps.count(steps[i + 1]) == 0) {
+        text = steps[++i];
+      }
+      const void* data = step == "cmd" ? static_cast<const void*>(numbers.data()) : text.c_str();
+      const size_t size = step == "cmd" ? numbers.size() * 4 : (text.empty() ? 0 : text.size() + 1);
+      uint32_t reply = 0;
+      const StatusCode status =
+          channel->SendCommand(id, size ? data : nullptr, size, &reply, sizeof(reply), 10000);
+      std::ofstream(base + ".replies", std::ios::app)
+          << id << " " << static_cast<uint32_t>(status) << " " << reply << std::endl;
+    } else if (step == "exit") {
+      return std::atoi(steps[++i].c_str());
+    } else if (step == "ignore-term") {
+      signal(SIGTERM, SIG_IGN);
+      if (!channel || channel->Connect(false) != StatusCode::SUCCESS) return 3;
+    }
+  }
+  WaitForSignal();
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (std::getenv("QWD_CHILD_PLAN_DIR") != nullptr) return RunPlan(argc, argv);
   if (argc < 3) {
     std::fprintf(stderr, "usage: qwd_test_child <mode> <socket> [arg]\n");
     return 2;
