@@ -9,6 +9,11 @@ if(QWD_WERROR)
 endif()
 # Log lines carry the source path relative to the tree, never the build machine's.
 add_compile_options(-fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=../)
+# Frame pointers carry the crash handler's stack walk on the build machine; the
+# router's walk reads function prologues instead.
+if(NOT CMAKE_SYSTEM_PROCESSOR STREQUAL "mips")
+  add_compile_options(-fno-omit-frame-pointer)
+endif()
 
 if(QWD_FUZZ)
   # Coverage for every library the fuzz targets link.

@@ -1,0 +1,144 @@
+#include "common/CrashHandler.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+
+#include "common/Clock.h"
+#include "common/OwnMemoryReader.h"
+#include "common/SignalSafeFormat.h"
+#include "common/StackWalk.h"
+#include "common/TimeUtils.h"
+
+namespace {
+
+// The name the crash lines carry as their source file.
+constexpr const char* kSourceFile = "../common/CrashHandler.c";
+constexpr int kHandledSignals[] = {SIGSEGV, SIGBUS, SIGFPE};
+
+// Process-wide, static, so that the handler never allocates.
+struct CrashState {
+  int dumpFd = -1;                             // the open dump file, or -1
+  long monotonicSec = 0;                       // monotonic seconds of the last recording
+  char timeText[256] = {};                     // its UTC wall-clock text, "" if unconvertible
+  char message[2048] = {};                     // the message of the line being written
+  char line[2048 + 256 + 256] = {};            // that line as printed or as a JSON line
+  char accountId[128] = {};                    // the account of the crash, for a core dump
+  const char* (*accountIdSource)() = nullptr;  // where the account id comes from
+  StackFrame frames[kMaxStackFrames] = {};     // the walked frames
+};
+
+CrashState g_crash;
+
+void WriteAll(int fd, const char* text, size_t length) {
+  while (length > 0) {
+    const ssize_t written = write(fd, text, length);
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) return;
+    text += written;
+    length -= static_cast<size_t>(written);
+  }
+}
+
+// At installation this also loads the time zone data that gmtime_r sets up
+// once, so that the call in the handler finds it ready.
+void RecordTime() {
+  timespec now{};
+  GetCurrentMonoTime(&now);
+  g_crash.monotonicSec = static_cast<long>(now.tv_sec);
+  GetCurrentRealTime(&now);
+  const time_t wallSec = now.tv_sec;
+  tm parts{};
+  if (gmtime_r(&wallSec, &parts) == nullptr) {
+    g_crash.timeText[0] = '\0';
+    return;
+  }
+  SignalSafeFormat(g_crash.timeText, sizeof(g_crash.timeText), "%04d-%02d-%02d %02d:%02d:%02d",
+                   parts.tm_year + 1900, parts.tm_mon + 1, parts.tm_mday, parts.tm_hour,
+                   parts.tm_min, parts.tm_sec);
+}
+
+// Prints the message and a newline on standard output and, when the dump is
+// open, writes it there as a crash JSON line naming sourceLine.
+__attribute__((format(printf, 2, 3))) void EmitTraceLine(int sourceLine, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  SignalSafeFormatV(g_crash.message, sizeof(g_crash.message), format, args);
+  va_end(args);
+  size_t length = SignalSafeFormat(g_crash.line, sizeof(g_crash.line), "%s\n", g_crash.message);
+  WriteAll(STDOUT_FILENO, g_crash.line, length);
+  if (g_crash.dumpFd < 0) return;
+  length = SignalSafeFormat(
+      g_crash.line, sizeof(g_crash.line),
+      "{\"level\": \"CRASH\", \"timestamp\": %ld, \"metadata\" : {\"router_timestamp\" : \"%s\", "
+      "\"c_file\": \"%s\", \"line\": %d }, \"message\": \"%s\"},\n",
+      g_crash.monotonicSec, g_crash.timeText, kSourceFile, sourceLine, g_crash.message);
+  WriteAll(g_crash.dumpFd, g_crash.line, length);
+}
+
+void TakeAccountId() {
+  const char* id = g_crash.accountIdSource != nullptr ? g_crash.accountIdSource() : nullptr;
+  if (id == nullptr || id[0] == '\0') id = "DefaultAccountID";
+  SignalSafeFormat(g_crash.accountId, sizeof(g_crash.accountId), "%s", id);
+}
+
+void OnFatalSignal(int signal, siginfo_t*, void* context) {
+  const int lastErrno = errno;
+  TakeAccountId();
+  RecordTime();
+  EmitTraceLine(__LINE__, "Crashed at [%p] signal:%d pid:%d last errno:%d",
+                reinterpret_cast<void*>(StackWalk::FaultAddress(context)), signal, getpid(),
+                lastErrno);
+  size_t count = 0;
+  {
+    OwnMemoryReader memory;
+    count = StackWalk::FromSignalContext(context, memory, g_crash.frames);
+  }
+  for (size_t i = 0; i < count; ++i) {
+    EmitTraceLine(__LINE__, "Frame %d: %p  sp:%p", static_cast<int>(i + 1),
+                  reinterpret_cast<void*>(g_crash.frames[i].returnAddress),
+                  reinterpret_cast<void*>(g_crash.frames[i].stackPointer));
+  }
+  EmitTraceLine(__LINE__, "----- END TRACE -----");
+  if (g_crash.dumpFd >= 0) close(g_crash.dumpFd);
+  g_crash.dumpFd = -1;
+  SleepSec(1);
+  abort();
+}
+
+}  // namespace
+
+bool SetCrashHandler(const char* directory, const char* name, int32_t pid) {
+  // Earlier printf output stays ahead of these unbuffered lines.
+  fflush(stdout);
+  RecordTime();
+  if (directory != nullptr) {
+    char path[512];
+    SignalSafeFormat(path, sizeof(path), "%s/%s_%d.log", directory, name, pid);
+    if (g_crash.dumpFd >= 0) close(g_crash.dumpFd);
+    g_crash.dumpFd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    if (g_crash.dumpFd < 0) {
+      const size_t length = SignalSafeFormat(g_crash.line, sizeof(g_crash.line),
+                                             "Failed creating crash dump file %s\n", path);
+      WriteAll(STDOUT_FILENO, g_crash.line, length);
+      return false;
+    }
+    EmitTraceLine(__LINE__, "----- START TRACE pid %d -----", pid);
+  }
+  struct sigaction action = {};
+  action.sa_sigaction = OnFatalSignal;
+  sigemptyset(&action.sa_mask);
+  action.sa_flags = SA_SIGINFO | SA_RESETHAND;
+  for (const int signal : kHandledSignals) sigaction(signal, &action, nullptr);
+  return true;
+}
+
+void SetCrashAccountIdSource(const char* (*getAccountId)()) {
+  g_crash.accountIdSource = getAccountId;
+}

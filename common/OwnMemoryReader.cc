@@ -1,0 +1,21 @@
+#include "common/OwnMemoryReader.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+OwnMemoryReader::OwnMemoryReader() {
+  if (pipe2(pipe_, O_CLOEXEC | O_NONBLOCK) != 0) pipe_[0] = pipe_[1] = -1;
+}
+
+OwnMemoryReader::~OwnMemoryReader() {
+  if (pipe_[0] < 0) return;
+  close(pipe_[0]);
+  close(pipe_[1]);
+}
+
+bool OwnMemoryReader::Read(uintptr_t address, void* out, size_t size) {
+  if (pipe_[1] < 0) return false;
+  const ssize_t length = static_cast<ssize_t>(size);
+  return write(pipe_[1], reinterpret_cast<const void*>(address), size) == length &&
+         read(pipe_[0], out, size) == length;
+}
