@@ -21,7 +21,7 @@
 // line N of "<role>.plan" (the last line once past the end), after adding
 // its pid and arguments as a line to "<role>.launches". A line is a list of
 // steps: hb (one heartbeat), beat (a heartbeat a second, for ever), fail,
-// pid N (a heartbeat naming pid N), cmd ID [U32...], text ID [TEXT] (no
+// pid N|parent (a heartbeat naming pid N or the watchdog's), cmd ID [U32...], text ID [TEXT] (no
 // data when TEXT is absent), exit N, ignore-term, wait. Replies go to "<role>.replies" as
 // "<id> <status> <first reply word>". The line "half" alone sends a header
 // announcing data and no data, and waits.
@@ -118,7 +118,8 @@ int RunPlan(int argc, char** argv) {
     if (step == "hb" || step == "fail") {
       Heartbeat(*channel, socketName, getpid(), step == "hb");
     } else if (step == "pid") {
-      Heartbeat(*channel, socketName, std::atoi(steps[++i].c_str()), true);
+      const std::string& pid = steps[++i];
+      Heartbeat(*channel, socketName, pid == "parent" ? getppid() : std::atoi(pid.c_str()), true);
     } else if (step == "beat") {
       for (;;) {
         Heartbeat(*channel, socketName, getpid(), true);

@@ -147,7 +147,11 @@ class WatchdogRoadsTest : public ::testing::Test {
 std::string PidFileText(pid_t pid) { return std::to_string(pid) + "\n"; }
 
 TEST_F(WatchdogRoadsTest, StartPreparesTheInstallationAndSigtermEndsCleanly) {
-  Start("hb cmd 8 cmd 1 cmd 2 228 0 text 6 acct42 cmd 3 7 text 5 ../x cmd 7 4294967295 0\nbeat");
+  // A heartbeat naming the watchdog and a version request without data
+  // (after one with data) must change nothing.
+  Start(
+      "hb pid parent cmd 8 cmd 1 cmd 2 228 0 text 6 acct42 cmd 3 7 text 5 ../x text 5 "
+      "cmd 7 4294967295 0\nbeat");
   ASSERT_TRUE(WaitFor("plan/quillmorUserAgent.replies", "7 0"));
   EXPECT_EQ(fs::read_symlink(dir_.File("bin/quillmorUserAgent")), version_ + "/quillmorUserAgent");
   EXPECT_EQ(fs::read_symlink(dir_.File("lib/libdemo.so.1")), version_ + "/libdemo.so.1");
@@ -165,9 +169,16 @@ TEST_F(WatchdogRoadsTest, StartPreparesTheInstallationAndSigtermEndsCleanly) {
   EXPECT_EQ(Lines("plan/quillmorUserAgent.launches")[0].substr(
                 Lines("plan/quillmorUserAgent.launches")[0].find(' ')),
             " --wd --dns 2001:4860:4860::8888,2001:4860:4860::8844,8.8.8.8,8.8.4.4");
-  // get pid, generation, level, account, mode 7, a path as version, memory limit
-  const std::vector<std::string> replies = {
-      "8 0 " + std::to_string(pid_), "1 0 0", "2 0 0", "6 0 0", "3 10 0", "5 10 0", "7 0 0"};
+  // get pid, generation, level, account, mode 7, a path and nothing as
+  // version, memory limit
+  const std::vector<std::string> replies = {"8 0 " + std::to_string(pid_),
+                                            "1 0 0",
+                                            "2 0 0",
+                                            "6 0 0",
+                                            "3 10 0",
+                                            "5 10 0",
+                                            "5 10 0",
+                                            "7 0 0"};
   EXPECT_EQ(Lines("plan/quillmorUserAgent.replies"), replies);
   EXPECT_TRUE(WaitFor("", "Available Free System RAM is only"));
   EXPECT_TRUE(WaitFor("", "acct42"));
@@ -177,6 +188,7 @@ TEST_F(WatchdogRoadsTest, StartPreparesTheInstallationAndSigtermEndsCleanly) {
   EXPECT_FALSE(fs::exists(dir_.File("run/quillmorWD.pid")));
   EXPECT_EQ(Lines("plan/quillmorUserAgent.launches").size(), 1u);
   EXPECT_NE(Log().find("Termination signal received! exit..."), std::string::npos);
+  EXPECT_EQ(Log().find("Changing PID"), std::string::npos);
 }
 
 TEST_F(WatchdogRoadsTest, FailuresRestartAllWithGrowingDelayThenSafeMode) {
