@@ -2,8 +2,6 @@
 
 #include <cerrno>
 
-#include "common/Seam.h"
-
 namespace {
 
 class RealClock final : public Clock {
@@ -22,6 +20,11 @@ RealClock g_realClock;
 Seam<Clock> g_clock(&g_realClock);
 
 }  // namespace
+
+template <>
+Seam<Clock>& SeamOf<Clock>() {
+  return g_clock;
+}
 
 Clock& GetClock() { return g_clock.Get(); }
 

@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <ctime>
 
+#include "common/Seam.h"
+
 class Clock {
  public:
   virtual ~Clock() = default;
@@ -22,6 +24,9 @@ class Clock {
     return poll(fds, count, timeoutMsec);
   }
 };
+
+template <>
+Seam<Clock>& SeamOf<Clock>();
 
 // The clock in force for the whole process.
 Clock& GetClock();

@@ -9,6 +9,7 @@
 #include <cstdint>
 
 #include "common/LogComponent.h"
+#include "common/Seam.h"
 
 enum class LoggerLevel : uint32_t {
   DEBUG = 0,
@@ -56,8 +57,12 @@ class LogSink {
   }
 };
 
-// Installs the process-wide sink and returns the previous one; nullptr drops
-// every line from then on.
+// The sink's seam; its real implementation drops every line.
+template <>
+Seam<LogSink>& SeamOf<LogSink>();
+
+// Installs the process-wide sink and returns the previous one (nullptr for
+// none); nullptr drops every line from then on.
 LogSink* InstallLogSink(LogSink* sink);
 
 void PrintLogLine(uint32_t component, const char* function, LoggerLevel level,

@@ -6,10 +6,30 @@
 
 namespace {
 
-std::array<char, 256> g_procRoot = {"/proc"};
+// A root held as a copied path, "/proc" until set.
+class PathProcFs final : public ProcFs {
+ public:
+  const char* Root() override { return root_.data(); }
+  void SetRoot(const char* root) { SafeStrCopy(root_, root); }
+
+ private:
+  std::array<char, 256> root_{"/proc"};  // the directory, terminated
+};
+
+PathProcFs g_realProcFs;
+PathProcFs g_setProcFs;  // the root given to SetProcRoot
+Seam<ProcFs> g_procFs(&g_realProcFs);
 
 }  // namespace
 
-const char* GetProcRoot() { return g_procRoot.data(); }
+template <>
+Seam<ProcFs>& SeamOf<ProcFs>() {
+  return g_procFs;
+}
 
-void SetProcRoot(const char* root) { SafeStrCopy(g_procRoot, root != nullptr ? root : "/proc"); }
+const char* GetProcRoot() { return g_procFs.Get().Root(); }
+
+void SetProcRoot(const char* root) {
+  if (root != nullptr) g_setProcFs.SetRoot(root);
+  g_procFs.Install(root != nullptr ? &g_setProcFs : nullptr);
+}

@@ -2,8 +2,6 @@
 
 #include <cstdlib>
 
-#include "common/Seam.h"
-
 namespace {
 
 class RealShell final : public Shell {
@@ -15,6 +13,11 @@ RealShell g_realShell;
 Seam<Shell> g_shell(&g_realShell);
 
 }  // namespace
+
+template <>
+Seam<Shell>& SeamOf<Shell>() {
+  return g_shell;
+}
 
 Shell& GetShell() { return g_shell.Get(); }
 

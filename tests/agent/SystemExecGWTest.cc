@@ -26,14 +26,12 @@ constexpr const char* kLastRequest = "/var/last_request";
 
 // Records the commands; each one exits with 5.
 struct FakeShell final : Shell {
-  FakeShell() : previous(InstallShell(this)) {}
-  ~FakeShell() override { InstallShell(previous); }
   int System(const char* command) override {
     commands.push_back(command);
     return 5 << 8;
   }
-  Shell* previous;
   std::vector<std::string> commands;
+  const ScopedSeams<Shell> installed{this};
 };
 
 // The system-exec process's side of every command: keeps the request data in
