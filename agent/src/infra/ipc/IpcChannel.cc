@@ -1,6 +1,7 @@
 #include "agent/src/infra/ipc/IpcChannel.h"
 
 #include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,6 +14,7 @@
 #include "common/Clock.h"
 #include "common/Log.h"
 #include "common/StringUtils.h"
+#include "common/TimeUtils.h"
 
 namespace {
 
@@ -241,7 +243,11 @@ StatusCode IpcChannel::ServerInit() {
   }
   socketFd_ = fd;
   const sockaddr_un address = UnixSocket::MakeAddress(channelId_.data());
-  if (bind(socketFd_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+  // The socket is born 0600: only its owner and root may even connect.
+  const mode_t previousMask = umask(0177);
+  const int bound = bind(socketFd_, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+  umask(previousMask);
+  if (bound != 0) {
     QWD_LOG_ERROR(kComponent, "Failed binding for channel ID %s, errno %s\n", channelId_.data(),
                   std::strerror(errno));
     UnixSocket::Close(&socketFd_);
@@ -257,28 +263,54 @@ StatusCode IpcChannel::ServerInit() {
 }
 
 StatusCode IpcChannel::ServerAccept(int32_t timeoutMsec) {
-  const StatusCode status = PollOnChannel(socketFd_, timeoutMsec);
-  if (status == StatusCode::TIMEOUT) {
-    QWD_LOG_ERROR(kComponent,
-                  "Server failed waiting for new connection on channel ID %s, timeout.\n",
-                  channelId_.data());
-    return StatusCode::FAILURE;
+  const int64_t deadline = GetCurrentTimeMsec() + timeoutMsec;
+  for (;;) {
+    const int64_t left = deadline - GetCurrentTimeMsec();
+    const StatusCode status = PollOnChannel(socketFd_, left > 0 ? static_cast<int32_t>(left) : 0);
+    if (status == StatusCode::TIMEOUT) {
+      QWD_LOG_ERROR(kComponent,
+                    "Server failed waiting for new connection on channel ID %s, timeout.\n",
+                    channelId_.data());
+      return StatusCode::FAILURE;
+    }
+    if (status != StatusCode::SUCCESS) {
+      QWD_LOG_ERROR(kComponent,
+                    "Server failed waiting for new connection on channel ID %s, errno %s\n",
+                    channelId_.data(), std::strerror(errno));
+      return StatusCode::FAILURE;
+    }
+    const int fd = accept4(socketFd_, nullptr, nullptr, SOCK_CLOEXEC);
+    if (fd < 0) {
+      QWD_LOG_ERROR(kComponent,
+                    "Server failed accepting a new connection on channel ID %s, errno %s\n",
+                    channelId_.data(), std::strerror(errno));
+      return StatusCode::FAILURE;
+    }
+    if (IsTrustedPeer(fd)) {
+      connectionFd_ = fd;
+      return StatusCode::SUCCESS;
+    }
+    close(fd);
   }
-  if (status != StatusCode::SUCCESS) {
+}
+
+// Commands steer a root process: only root and this process's own user may
+// send them. Anyone else is turned away before a byte is read.
+bool IpcChannel::IsTrustedPeer(int32_t fd) {
+  ucred peer{};
+  socklen_t size = sizeof(peer);
+  if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
     QWD_LOG_ERROR(kComponent,
-                  "Server failed waiting for new connection on channel ID %s, errno %s\n",
+                  "Refused a connection on channel ID %s: no peer credentials, errno %s\n",
                   channelId_.data(), std::strerror(errno));
-    return StatusCode::FAILURE;
+    return false;
   }
-  const int fd = accept4(socketFd_, nullptr, nullptr, SOCK_CLOEXEC);
-  if (fd < 0) {
-    QWD_LOG_ERROR(kComponent,
-                  "Server failed accepting a new connection on channel ID %s, errno %s\n",
-                  channelId_.data(), std::strerror(errno));
-    return StatusCode::FAILURE;
-  }
-  connectionFd_ = fd;
-  return StatusCode::SUCCESS;
+  if (peer.uid == 0 || peer.uid == geteuid()) return true;
+  QWD_LOG_ERROR(kComponent,
+                "Refused a connection on channel ID %s from pid %d uid %d: neither root nor the "
+                "owner\n",
+                channelId_.data(), static_cast<int>(peer.pid), static_cast<int>(peer.uid));
+  return false;
 }
 
 StatusCode IpcChannel::ServerWaitAndProcess(int32_t timeoutMsec) {

@@ -65,13 +65,15 @@ class IpcChannel {
   // Stores handler and context under commandId (0..9), replacing (with a
   // warning) any handler already there. INVALID_PARAM for ids from 10 on.
   virtual StatusCode RegisterHandler(int32_t commandId, IpcHandler handler, void* context);
-  // Binds the channel id (its first 107 characters) and listens, backlog 2.
+  // Binds the channel id (its first 107 characters, mode 0600) and listens,
+  // backlog 2.
   // A listening socket still open from an earlier call is closed first. An
   // existing file at the path is not removed: the owner removes a stale
   // socket first.
   virtual StatusCode ServerInit();
   // Waits for and accepts a client; the new connection replaces the current
-  // one, which is not closed here. A time-out is a FAILURE.
+  // one, which is not closed here. A peer that is neither root nor this
+  // process's user is logged, closed and waited past. A time-out is a FAILURE.
   virtual StatusCode ServerAccept(int32_t timeoutMsec);
   // Waits for one request on the connection and processes it with strict
   // reads. A time-out is deliberately reported as FAILURE.
@@ -105,6 +107,8 @@ class IpcChannel {
   StatusCode IpcChannelCtor(const char* channelId, uint32_t maxRequestSize,
                             uint32_t replyBufferSize, bool threadSafe);
   StatusCode PollOnChannel(int32_t fd, int32_t timeoutMsec);
+  // Whether the peer of an accepted connection is root or this process's user.
+  bool IsTrustedPeer(int32_t fd);
   StatusCode ReadRecord(int32_t fd, void* buffer, size_t size, bool strictRead);
   // The request's data record into the request buffer; a record that does
   // not follow its header within a short wait is a failed read.

@@ -1,6 +1,7 @@
 // IpcChannel's server side against a raw peer that may send anything, and
 // its client side against a real server in a child process.
 
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -163,6 +164,27 @@ TEST_F(IpcChannelTest, HalfSentRequestIsAFailedReadNotAHang) {
   EXPECT_TRUE(log_.Contains("Read failed on channel ID " + path_)) << log_.Dump();
   EXPECT_EQ(g_handlerCalls, 0);
   EXPECT_EQ(RawRequest(Header(kIpcMagic, 4, kEcho), "ping"), 0u);
+}
+
+TEST_F(IpcChannelTest, SocketIsOwnerOnlyAndAForeignPeerIsTurnedAway) {
+  ASSERT_EQ(server_->ServerInit(), StatusCode::SUCCESS);
+  EXPECT_EQ(std::filesystem::status(path_).permissions(), std::filesystem::perms(0600));
+  // Opened up as a careless packager might: the peer check still holds.
+  chmod(std::filesystem::path(path_).parent_path().c_str(), 0755);
+  chmod(path_.c_str(), 0666);
+  const pid_t child = fork();
+  if (child == 0) {
+    if (setuid(65534) != 0) _exit(77);
+    const int fd = RawConnect(path_);
+    sleep(2);
+    _exit(fd >= 0 ? 0 : 1);
+  }
+  EXPECT_EQ(server_->ServerAccept(1000), StatusCode::FAILURE);
+  int status = 0;
+  waitpid(child, &status, 0);
+  if (WEXITSTATUS(status) == 77) GTEST_SKIP() << "no other user to connect as";
+  EXPECT_TRUE(log_.Contains("Refused a connection on channel ID " + path_)) << log_.Dump();
+  EXPECT_EQ(server_->GetDescriptor(), -1);
 }
 
 TEST_F(IpcChannelTest, PathOutlivesTheChannel) {
