@@ -260,6 +260,7 @@ TEST_F(WatchdogRoadsTest, StartupFailuresEndWithTheirStatus) {
   const std::tuple<std::string, std::string, int> cases[] = {
       {"downloadDir=" + dir_.File("none"), "Watchdog failed to initialize. Aborting!!!", 0},
       {"libPath=" + dir_.File("none"), "Watchdog failed to initialize. Aborting!!!", 0},
+      {"controlScriptPath=" + dir_.File("none/control.sh"), "Aborting!!!", 0},
       {"wdLogDir=" + dir_.File("none"), "Failed creating crash dump file", 255},
       {"cpuAffinityMask=4", "Failed setting CPU Affinity", 255},
   };
