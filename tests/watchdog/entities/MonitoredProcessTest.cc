@@ -73,31 +73,17 @@ std::vector<size_t> KillRounds(const LogCapture& log) {
   return rounds;
 }
 
-// A forked copy of this program that waits to be killed: a live pid whose
-// cmdline names kSelf, for heartbeats (the watchdog's own pid is refused).
-// It holds 4 MB, a memory peak worth logging, by the time it is constructed.
+// A forked copy of this program waiting to be killed: a live pid whose
+// cmdline names kSelf (heartbeats may not name the watchdog's own pid).
 struct Twin {
-  Twin() : pid(Fork()) {}
+  Twin() {
+    while (pid == 0) pause();
+  }
   ~Twin() {
     kill(pid, SIGKILL);
     waitpid(pid, nullptr, 0);
   }
-  static pid_t Fork() {
-    int ready[2];
-    char byte = 0;
-    if (pipe(ready) != 0) return -1;
-    const pid_t pid = fork();
-    if (pid == 0) {
-      const std::vector<char> ballast(4 << 20, 1);
-      if (write(ready[1], &byte, 1) == 1) pause();
-      _exit(0);
-    }
-    EXPECT_EQ(read(ready[0], &byte, 1), 1);
-    close(ready[0]);
-    close(ready[1]);
-    return pid;
-  }
-  const pid_t pid;
+  const pid_t pid = fork();
 };
 
 int g_handlerCalls[3];
@@ -347,9 +333,8 @@ TEST_F(MonitoredProcessTest, CheckStatusWithoutALivePidIsUnknownButLeavesARestar
 }
 
 TEST_F(MonitoredProcessTest, ResourceCheckRecordsPeaksOnce) {
-  const Twin twin;
   auto process = Watched(kSelf.c_str());
-  process->UpdatePid(twin.pid);
+  process->UpdatePid(getppid());
   process->CheckResources();
   process->CheckResources();
   EXPECT_EQ(log_.Count("MEM MAX: Process " + kSelf), 1u);

@@ -22,10 +22,8 @@ StatusCode Handle(const void* data, size_t dataLen, void* reply, size_t replySiz
     return StatusCode::SUCCESS;
   }
   const char* const texts[] = {static_cast<const char*>(data), "abcde", "0123456789"};
-  const char* text = id == kEchoText ? texts[kEcho] : texts[id];
-  *replyLen = id == kEcho       ? std::min(dataLen, replySize)
-              : id == kEchoText ? strnlen(text, replySize)
-                                : std::strlen(text);
+  const char* text = texts[id == kText ? kEcho : id];
+  *replyLen = id == kEcho ? std::min(dataLen, replySize) : strnlen(text, replySize);
   std::memcpy(reply, text, *replyLen);
   return id == kFailWithData ? StatusCode::FAILURE : StatusCode::SUCCESS;
 }
@@ -33,7 +31,7 @@ StatusCode Handle(const void* data, size_t dataLen, void* reply, size_t replySiz
 }  // namespace
 
 void RegisterTestHandlers(IpcChannel& server) {
-  for (intptr_t id = kEcho; id <= kEchoText; ++id) {
+  for (intptr_t id = kEcho; id <= kText; ++id) {
     server.RegisterHandler(static_cast<int32_t>(id), Handle, reinterpret_cast<void*>(id));
   }
 }

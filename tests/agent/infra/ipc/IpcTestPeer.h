@@ -12,17 +12,9 @@
 
 // kEcho echoes the request; kFailWithData fails with the 5 bytes "abcde";
 // kTenBytes replies "0123456789"; kHugeReply claims 65537 reply bytes;
-// kBeyondBuffer claims 100 bytes more than the reply buffer holds;
-// kEchoText replies with the text in the request buffer, whatever its length
-// (as handlers taking a string do).
-enum TestCommand : int32_t {
-  kEcho,
-  kFailWithData,
-  kTenBytes,
-  kHugeReply,
-  kBeyondBuffer,
-  kEchoText
-};
+// kBeyondBuffer claims 100 bytes more than the reply buffer holds; kText
+// replies with the text in the request buffer, as handlers taking a string do.
+enum TestCommand : int32_t { kEcho, kFailWithData, kTenBytes, kHugeReply, kBeyondBuffer, kText };
 // Calls of those handlers in this process.
 extern int g_handlerCalls;
 void RegisterTestHandlers(IpcChannel& server);
