@@ -29,10 +29,8 @@ class Logger::LockedSection {
  public:
   explicit LockedSection(Logger& logger, bool wait = true) : logger_(logger) {
     if (t_insideLogger) return;
-    if ((wait ? pthread_mutex_lock(&logger_.mutex_) : pthread_mutex_trylock(&logger_.mutex_)) !=
-        0) {
-      return;
-    }
+    pthread_mutex_t* mutex = &logger_.mutex_;
+    if ((wait ? pthread_mutex_lock(mutex) : pthread_mutex_trylock(mutex)) != 0) return;
     t_insideLogger = true;
     held_ = true;
   }
