@@ -22,7 +22,7 @@ StatusCode Handle(const void* data, size_t dataLen, void* reply, size_t replySiz
     return StatusCode::SUCCESS;
   }
   const char* const texts[] = {static_cast<const char*>(data), "abcde", "0123456789"};
-  const char* text = texts[id == kText ? kEcho : id];
+  const char* text = id == kText ? texts[kEcho] : texts[id];
   *replyLen = id == kEcho ? std::min(dataLen, replySize) : strnlen(text, replySize);
   std::memcpy(reply, text, *replyLen);
   return id == kFailWithData ? StatusCode::FAILURE : StatusCode::SUCCESS;
