@@ -38,8 +38,7 @@ void FakeClock::SleepMsec(uint32_t msec) {
 
 int FakeClock::Poll(pollfd* fds, nfds_t count, int timeoutMsec) {
   // An endless wait can end only with an event: that one is waited for for real.
-  if (timeoutMsec < 0) return poll(fds, count, timeoutMsec);
-  const int ready = poll(fds, count, 0);
+  const int ready = poll(fds, count, timeoutMsec < 0 ? -1 : 0);
   if (ready == 0) monoMsec_ += timeoutMsec;
   return ready;
 }

@@ -27,8 +27,7 @@ TEST(CloseOnExecTest, OpenStreamsAreNotInherited) {
   TempDir dir;
   auto reader = CreateFileReader(dir.Write("read", "text").c_str(), 1);
   auto writer = CreateFileWriter(dir.File("written").c_str(), 32);
-  char byte = 0;
-  ASSERT_EQ(reader->Read(&byte, 1), 1u);
+  ASSERT_GE(reader->GetFd(), 0);
   ASSERT_EQ(writer->Write("x", 1, FileWriter::kWriteKeepOpen), 1u);
   // grep exits with 1 when the shell holds neither file.
   EXPECT_EQ(WEXITSTATUS(system(("ls -l /proc/$$/fd | grep -q " + dir.path()).c_str())), 1);
