@@ -21,53 +21,28 @@ class ConfigTest : public ::testing::Test {
   LogCapture logs_;
 };
 
-TEST_F(ConfigTest, WrongKeyNumbersAndTypesGetFixedAnswers) {
+TEST_F(ConfigTest, WrongKeysAndTypesGetFixedAnswersAndSettersLogBothValues) {
   EXPECT_EQ(Config::GetName(39), nullptr);
-  EXPECT_EQ(Config::GetType(39), CFG_TYPE_STRING);
   EXPECT_STREQ(Config::GetStrValue(CFG_CPU_CORES_NUMBER), "N/A");
   EXPECT_EQ(Config::GetIntValue(CFG_LIB_PATH), 0);
-  EXPECT_FALSE(Config::GetBoolValue(CFG_CPU_CORES_NUMBER));
-  Config::SetStrValue(CFG_CPU_CORES_NUMBER, "7");
   Config::SetIntValue(CFG_LIB_PATH, 7);
   Config::SetBoolValue(CFG_NUM_OF_KEYS, true);
-  EXPECT_EQ(Config::GetIntValue(CFG_CPU_CORES_NUMBER), 2);
-  EXPECT_STREQ(Config::GetStrValue(CFG_LIB_PATH), "/var/quillmor");
-  EXPECT_EQ(
-      logs_.Dump(),
-      "Trying to get name for key 39?\nTrying to get type for key 39?\n"
-      "Trying to get string value for key 11, type 1\nTrying to get integer value for key 5, "
-      "type 0\nTrying to get boolean value for key 11, type 1\nTrying to set string value '7' "
-      "for key 11, type 1\nTrying to set integer value 7 for key 5, type 0\nTrying to set "
-      "boolean value True for key 39, type -1\n");
-  EXPECT_EQ(logs_.Count(LoggerLevel::ERROR, "Trying to"), 8u);
-}
-
-TEST_F(ConfigTest, SettersLogOldAndNewValuesAndCutStrings) {
-  Config::SetStrValue(CFG_PID_FILE_PATH, "/var/run/");
   Config::SetIntValue(CFG_CPU_CORES_NUMBER, 4);
   Config::SetBoolValue(CFG_SET_LD_LIB_PATH, true);
-  EXPECT_STREQ(Config::GetStrValue(CFG_PID_FILE_PATH), "/var/run/");
-  EXPECT_EQ(Config::GetIntValue(CFG_CPU_CORES_NUMBER), 4);
-  EXPECT_TRUE(Config::GetBoolValue(CFG_SET_LD_LIB_PATH));
-  EXPECT_EQ(logs_.Count(LoggerLevel::VERBOSE, ""), 3u);
   EXPECT_EQ(logs_.Dump(),
-            "'pidFilePath': '' -> '/var/run/'\n'cpuCoresNumber': 2 -> 4\n"
-            "'setLdLibPath': False -> True\n");
+            "Trying to get name for key 39?\nTrying to get string value for key 11, type 1\n"
+            "Trying to get integer value for key 5, type 0\nTrying to set integer value 7 for key "
+            "5, type 0\nTrying to set boolean value True for key 39, type -1\n"
+            "'cpuCoresNumber': 2 -> 4\n'setLdLibPath': False -> True\n");
+  EXPECT_EQ(logs_.Count(LoggerLevel::ERROR, "Trying to"), 5u);
   Config::SetStrValue(CFG_LIB_PATH, std::string(300, 'x').c_str());
   EXPECT_EQ(std::string(Config::GetStrValue(CFG_LIB_PATH)), std::string(128, 'x'));
 }
 
-TEST_F(ConfigTest, MissingFileKeepsEveryDefaultButAnOverlongPathFails) {
-  EXPECT_TRUE(Config::Init(dir_.File("absent.cfg").c_str()));
-  EXPECT_EQ(Config::GetIntValue(CFG_CPU_CORES_NUMBER), 2);
-  EXPECT_FALSE(Config::Init(std::string(300, 'p').c_str()));
-  EXPECT_TRUE(logs_.Contains("Can't create config file reader object for config file 'ppp"));
-}
-
-TEST_F(ConfigTest, ReadsEveryKindOfValueAndTheLaterOfTwo) {
+TEST_F(ConfigTest, ReadsEveryKindOfValueTheLaterOfTwoAndSkipsUnknownKeys) {
   ASSERT_TRUE(
       Load("# watchdog configuration\ncpuAffinityMask = 0x3\ncpuCoresNumber=010\n"
-           "CriticalErrorRetries=-5\npidFilePath=/var/run/ # pid files\n"
+           "CriticalErrorRetries=-5\npidFilePath=/var/run/ # pid files\nCpuCoresNumber=5\n"
            "localVersionPath=\"/tmp/a b#c\"\nsetLdLibPath=TRUE\nwdLogDir=/a\nwdLogDir=/b\n"));
   EXPECT_EQ(Config::GetIntValue(CFG_CPU_AFFINITY_MASK), 3);
   EXPECT_EQ(Config::GetIntValue(CFG_CPU_CORES_NUMBER), 8);
@@ -76,38 +51,24 @@ TEST_F(ConfigTest, ReadsEveryKindOfValueAndTheLaterOfTwo) {
   EXPECT_STREQ(Config::GetStrValue(CFG_LOCAL_VERSION_PATH), "/tmp/a b#c");
   EXPECT_TRUE(Config::GetBoolValue(CFG_SET_LD_LIB_PATH));
   EXPECT_STREQ(Config::GetStrValue(CFG_WD_LOG_DIR), "/b");
+  EXPECT_TRUE(logs_.Contains("Read unknown key 'CpuCoresNumber' with value '5', ignoring\n"));
   Config::Teardown();
   ASSERT_TRUE(Load("setLdLibPath=1\n"));
   EXPECT_FALSE(Config::GetBoolValue(CFG_SET_LD_LIB_PATH)) << "only the word true is true";
   EXPECT_STREQ(Config::GetStrValue(CFG_WD_LOG_DIR), "/b") << "readable after teardown";
 }
 
-TEST_F(ConfigTest, UnparsableIntegerFailsTheLoadAndKeepsTheDefault) {
+TEST_F(ConfigTest, BadIntegerFailsTheLoadAndAMalformedLineEndsTheRead) {
   EXPECT_FALSE(Load("cpuAffinityMask=1\ncpuCoresNumber=12abc\nMaxDelayPeriodSec=7\n"));
-  EXPECT_TRUE(logs_.Contains("Failed reading key 'cpuCoresNumber'(11) value '12abc'\n"));
   EXPECT_EQ(Config::GetIntValue(CFG_CPU_CORES_NUMBER), 2);
-  EXPECT_EQ(Config::GetIntValue(CFG_CPU_AFFINITY_MASK), 1);
   EXPECT_EQ(Config::GetIntValue(CFG_MAX_DELAY_PERIOD_SEC), 600);
-}
-
-TEST_F(ConfigTest, AMalformedLineEndsTheReadButTheLoadSucceeds) {
   for (const char* stop : {"localVersionPath=\"\"\n", "\r\n", "noEquals 3\n"}) {
     Config::ResetToDefaults();
     EXPECT_TRUE(
         Load(std::string("cpuAffinityMask=1\r\nwdLogPath=Wd\n") + stop + "cpuCoresNumber=4\n"));
-    EXPECT_EQ(Config::GetIntValue(CFG_CPU_AFFINITY_MASK), 1) << stop;
-    EXPECT_STREQ(Config::GetStrValue(CFG_WD_LOG_PATH), "Wd");
+    EXPECT_STREQ(Config::GetStrValue(CFG_WD_LOG_PATH), "Wd") << stop;
     EXPECT_EQ(Config::GetIntValue(CFG_CPU_CORES_NUMBER), 2) << stop;
   }
-}
-
-TEST_F(ConfigTest, UnknownKeysAreSkippedAndNamesAreCaseSensitive) {
-  const std::string key64(64, 'k');
-  EXPECT_TRUE(Load("noSuchKey=1\nCpuCoresNumber=5\n" + key64 + "=2\ncpuCoresNumber=4\n"));
-  EXPECT_TRUE(logs_.Contains("Read unknown key 'noSuchKey' with value '1', ignoring\n"));
-  EXPECT_TRUE(logs_.Contains("Read unknown key 'CpuCoresNumber' with value '5', ignoring\n"));
-  EXPECT_TRUE(logs_.Contains("Read unknown key '" + key64 + "' with value '2', ignoring\n"));
-  EXPECT_EQ(Config::GetIntValue(CFG_CPU_CORES_NUMBER), 4);
 }
 
 }  // namespace
