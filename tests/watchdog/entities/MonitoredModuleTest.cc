@@ -87,66 +87,27 @@ class MonitoredModuleTest : public ::testing::Test {
   std::unique_ptr<MonitoredModule> module_;
 };
 
-TEST_F(MonitoredModuleTest, StatusTextsCoverTheTableAndNothingBeyond) {
-  const char* const kTexts[] = {"not running", "running", "failed", "timeout",
-                                "restart",     "unknown", "N/A"};
-  for (uint32_t value = 0; value < 7; ++value) {
-    EXPECT_STREQ(MonitoredEntityStatusToStr(static_cast<Status>(value)), kTexts[value]);
-  }
-  EXPECT_STREQ(MonitoredEntityStatusToStr(static_cast<Status>(0xFFFFFFFFu)), "N/A");
-}
-
-TEST_F(MonitoredModuleTest, CreationNamesTheEntityAndDestructionLeavesTheModuleLoaded) {
-  EXPECT_EQ(module_->GetType(), MonitoredEntityType::KERNEL_MODULE);
-  EXPECT_EQ(module_->GetStatus(), Status::NOT_RUNNING);
-  EXPECT_STREQ(module_->GetName(), "nfmodule");
-  EXPECT_EQ(CreateMonitoredModule("/lib", "nfmodule.ko", nullptr, nullptr), nullptr);
-  EXPECT_FALSE(log_.Contains("Destroying"));
-  // No channel, and a warning on every ask.
-  EXPECT_EQ(module_->GetIpcChannel(), nullptr);
+TEST_F(MonitoredModuleTest, HasNoChannelAndDestructionLeavesTheModuleLoaded) {
   EXPECT_EQ(module_->GetIpcChannel(), nullptr);
   EXPECT_EQ(log_.Count(LoggerLevel::WARN, "This entity doesn't have a communication channel\n"),
-            2u);
+            1u);
   module_.reset();
   EXPECT_EQ(kernel_.unloadCalls, 0);
-  for (const std::string& line : {"Created Monitored module object for module 'nfmodule.ko' at '" +
-                                      dir_.path() + "' with args 'debug=1'\n",
-                                  std::string("Can't create monitored module with NULL path"),
-                                  std::string("Destroying Monitored module object 'nfmodule'\n")}) {
-    EXPECT_TRUE(log_.Contains(line)) << line;
-  }
 }
 
-TEST_F(MonitoredModuleTest, AnyLineContainingTheNameCountsAsLoaded) {
-  const std::pair<std::string, bool> kCases[] = {
-      {kOther, false},
-      {std::string(kOther) + "nfmodule_helper 4096 0 - Live 0x0\n", true},
-      {"xt_mark 4096 1 nfmodule, Live 0x0\n", true},
-      // Lines past the buffer are scanned in pieces, without overrun.
-      {"big 1 0 " + std::string(2048, 'x') + "\n" + kOther, false},
-      {"big 1 0 " + std::string(1500, 'x') + " nfmodule," + std::string(500, 'y') + "\n", true},
-  };
-  for (const auto& [list, expected] : kCases) {
-    SCOPED_TRACE(list.substr(0, 40));
-    kernel_.SetList(list.c_str());
-    bool loaded = !expected;
-    ASSERT_EQ(module_->IsModuleLoaded(&loaded), StatusCode::SUCCESS);
-    EXPECT_EQ(loaded, expected);
-  }
-  kernel_.SetList(nullptr);
-  bool loaded = true;
-  EXPECT_EQ(module_->IsModuleLoaded(&loaded), StatusCode::FAILURE);
-  EXPECT_TRUE(loaded);
-  EXPECT_TRUE(log_.Contains("Can't create file reader, path " + kernel_.path + "\n"));
-  EXPECT_EQ(module_->IsModuleLoaded(nullptr), StatusCode::FAILURE);
-  EXPECT_TRUE(log_.Contains("ASSERT FAILED: NULL != isLoaded \n"));
-}
-
-TEST_F(MonitoredModuleTest, CheckStatusFollowsTheListWithinTheRetries) {
+TEST_F(MonitoredModuleTest, CheckStatusFindsTheNameInAnyLineWithinTheRetries) {
+  const std::string helper = std::string(kOther) + "nfmodule_helper 4096 0 - Live 0x0\n";
+  // Lines past the buffer are scanned in pieces, without overrun.
+  const std::string longOther = "big 1 0 " + std::string(2048, 'x') + "\n" + kOther;
+  const std::string longListed =
+      "big 1 0 " + std::string(1500, 'x') + " nfmodule," + std::string(500, 'y') + "\n";
   // List (null: none), retries, status, a line logged.
   const std::tuple<const char*, int32_t, Status, const char*> kCases[] = {
       {kListed, 3, Status::RUNNING, "Module 'nfmodule' was verified!\n"},
+      {helper.c_str(), 3, Status::RUNNING, "Module 'nfmodule' was verified!\n"},
+      {longListed.c_str(), 3, Status::RUNNING, "Module 'nfmodule' was verified!\n"},
       {kOther, 3, Status::FAILED, "Module 'nfmodule' is not loaded\n"},
+      {longOther.c_str(), 3, Status::FAILED, "Module 'nfmodule' is not loaded\n"},
       {nullptr, 3, Status::UNKNOWN, "IsModuleLoaded failed! try 2 of 3 \n"},
       {kListed, 0, Status::UNKNOWN, "Failed to check status of 'nfmodule' module\n"},
   };
@@ -159,28 +120,20 @@ TEST_F(MonitoredModuleTest, CheckStatusFollowsTheListWithinTheRetries) {
     EXPECT_EQ(module_->GetStatus(), status);
     EXPECT_TRUE(log_.Contains(line)) << log_.Dump();
     EXPECT_EQ(log_.Count("IsModuleLoaded failed!"), list != nullptr ? 0u : 3u);
-    EXPECT_EQ(log_.Contains("Failed to check status"), status == Status::UNKNOWN);
   }
   EXPECT_EQ(clock_.SleepCalls(), 0u);
-
-  log_.Clear();
   module_->SetStatus(Status::RESTART);
   module_->CheckStatus();
   EXPECT_EQ(module_->GetStatus(), Status::RESTART);
-  EXPECT_FALSE(log_.Contains("Can't create file reader"));
 }
 
-TEST_F(MonitoredModuleTest, StartLoadsTheImageWaitsASecondAndVerifies) {
+TEST_F(MonitoredModuleTest, StartLoadsTheImageWaitsASecondAndVerifiesOrSaysWhyNot) {
   ASSERT_EQ(module_->Start(), StatusCode::SUCCESS);
   EXPECT_EQ(module_->GetStatus(), Status::RUNNING);
   EXPECT_EQ(kernel_.loaded, kImage + "|debug=1");
-  EXPECT_EQ(clock_.SleptMsec(), 1000);
-  EXPECT_TRUE(log_.Contains("started module binary 'nfmodule.ko' successfully\n"));
   ASSERT_EQ(Module("nfmodule.ko")->Start(), StatusCode::SUCCESS);
   EXPECT_EQ(kernel_.loaded, kImage + "|");
-}
 
-TEST_F(MonitoredModuleTest, FailedStartsSayWhy) {
   // Image file, load errno, line listed after a load, status, a line logged.
   const std::tuple<const char*, int, const char*, Status, const char*> kCases[] = {
       {"absent.ko", 0, kListed, Status::NOT_RUNNING, "Can't create file reader\n"},
@@ -198,9 +151,8 @@ TEST_F(MonitoredModuleTest, FailedStartsSayWhy) {
     EXPECT_TRUE(log_.Contains(line));
     EXPECT_EQ(kernel.loadCalls, status == Status::NOT_RUNNING ? 0 : 1);
   }
-  // Only the load that the kernel took waits its second.
-  EXPECT_EQ(clock_.SleepCalls(), 1u);
-  EXPECT_FALSE(log_.Contains("started module binary"));
+  // Only the loads that the kernel took wait their second.
+  EXPECT_EQ(clock_.SleptMsec(), 3000);
 }
 
 TEST_F(MonitoredModuleTest, StopRetriesEverySecondUpToElevenCalls) {
@@ -229,7 +181,6 @@ TEST_F(MonitoredModuleTest, StopRetriesEverySecondUpToElevenCalls) {
     EXPECT_EQ(log_.Count(LoggerLevel::INFO, "Failed to unload module, error "),
               static_cast<size_t>(std::min(calls, failures)));
     EXPECT_EQ(clock.SleptMsec(), 1000 * (calls - 1));
-    EXPECT_EQ(clock.SleepCalls(), calls - 1u);
     EXPECT_TRUE(log_.Contains(unloaded ? "Unload module 'nfmodule'\n"
                                        : "Failed to unload the module - max tries exceeded 10, "
                                          "for module 'nfmodule'\n"));

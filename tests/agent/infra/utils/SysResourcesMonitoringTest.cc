@@ -1,8 +1,6 @@
 #include "agent/src/infra/utils/SysResourcesMonitoring.h"
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <filesystem>
@@ -67,28 +65,16 @@ class SysResMonTest : public ::testing::Test {
   LogCapture log_;
 };
 
-TEST_F(SysResMonTest, MeminfoGivesFiveTotalsAndFailsOnAnyLineWithoutItsNumber) {
+TEST_F(SysResMonTest, MeminfoAndStatusAreReadFieldByFieldWithinTheirBuffers) {
   EXPECT_EQ(std::tuple(2048000u, 500000u, 900000u, 30000u, 400000u),
             Meminfo("MemTotal:  2048000 kB\nMemFree:  500000 kB\nMemAvailable:  900000 kB\n"
-                    "Buffers:  30000 kB\nCached:  400000 kB\nActive(anon):  12000 kB\n"
-                    "HugePages_Total:  0\n"));
+                    "Buffers:  30000 kB\nCached:  400000 kB\nHugePages_Total:  0\n"));
   // Older kernels have no MemAvailable: free + cached, buffers left out.
   EXPECT_EQ(std::tuple(64000u, 1000u, 3000u, 300u, 2000u),
             Meminfo("MemTotal: 64000 kB\nMemFree: 1000 kB\nBuffers: 300 kB\nCached: 2000 kB\n"));
   EXPECT_EQ(std::nullopt, Meminfo("MemTotal: 64000 kB\nMemFree\nCached: 2000 kB\n"));
-  EXPECT_EQ(1u, log_.Count(LoggerLevel::ERROR, "There's an issue with parsing " + Path("meminfo")));
-  EXPECT_EQ(1u, log_.Count(LoggerLevel::ERROR, "Failed line: MemFree\n, results in param=MemFree"));
   // A line longer than the read buffer comes in pieces; one without its number fails.
   EXPECT_EQ(std::nullopt, Meminfo("MemTotal: 64000 kB\n" + std::string(700, 'A') + ": 5 kB\n"));
-
-  SetProcRoot(Path("missing").c_str());
-  SysResMon::MemoryInfo info{};
-  EXPECT_EQ(StatusCode::FAILURE, SysResMon::ReadMeminfo(info));
-  EXPECT_EQ(1u, log_.Count(LoggerLevel::ERROR, "Failed creating '" + Path("missing/meminfo") +
-                                                   "' file reader object\n"));
-}
-
-TEST_F(SysResMonTest, ProcessStatusKeepsFirstWordsCutAtTheWordLimit) {
   Write("77/status", "Name:\tWeb Content\nState:\t" + std::string(300, 'Z') +
                          " (zombie)\nPPid:\t12\nGroups:\t" + std::string(900, '7') +
                          "\nVmHWM:\t  5000 kB\nVmRSS:\t  4000 kB\nThreads:\t9\nFDSize:\t256\n");
@@ -110,17 +96,6 @@ TEST_F(SysResMonTest, CountsLeaveOutDotEntriesAndEntriesThatAreNoProcess) {
   EXPECT_EQ(4, n);
   EXPECT_EQ(StatusCode::SUCCESS, SysResMon::GetNumOpenFileDescriptors(&n, 10));
   EXPECT_EQ(5, n);
-
-  EXPECT_EQ(StatusCode::FAILURE, SysResMon::CountFilesInDirectory(Path("none").c_str(), &n));
-  EXPECT_EQ(1u, log_.Count("Can't open [" + Path("none") + "] to get number of files\n"));
-  EXPECT_EQ(StatusCode::FAILURE, SysResMon::CountFilesInDirectory(nullptr, nullptr));
-  EXPECT_EQ(1u, log_.Count(LoggerLevel::ERROR, "ASSERT FAILED: NULL != dir \n"));
-  EXPECT_EQ(1u, log_.Count(LoggerLevel::ERROR, "ASSERT FAILED: NULL != filesNumber \n"));
-  EXPECT_EQ(StatusCode::INVALID_PARAM, SysResMon::GetNumOpenFileDescriptors(&n, -3));
-  EXPECT_EQ(StatusCode::INVALID_PARAM, SysResMon::GetNumOpenFileDescriptors(nullptr, 10));
-  EXPECT_EQ(1u, log_.Count(LoggerLevel::ERROR, "num can't be NULL"));
-  EXPECT_EQ(StatusCode::FAILURE, SysResMon::GetNumOpenFileDescriptors(&n, 11));
-  EXPECT_EQ(1u, log_.Count("Failed to count files in directory [" + Path("11/fd") + "] \n"));
 }
 
 TEST_F(SysResMonTest, PeaksAreLoggedOnlyAfterAFullMemoryStepOrAnExtraDescriptor) {
@@ -132,34 +107,16 @@ TEST_F(SysResMonTest, PeaksAreLoggedOnlyAfterAFullMemoryStepOrAnExtraDescriptor)
     Add({.pid = 20, .vmRssKb = rss, .vmHwmKb = 12000, .openFds = fds});
     SysResMon::CheckProcessResConsumption("userAgent", 20, SysResMon::kMemoryStepKb, highestRss,
                                           highestFds);
-    EXPECT_EQ(wantRss, highestRss);
-    EXPECT_EQ(wantFds, highestFds);
+    EXPECT_EQ(std::pair(wantRss, wantFds), std::pair(highestRss, highestFds));
   }
-  EXPECT_EQ(2u, log_.Count("MAX"));
-  EXPECT_EQ(1u, log_.Count(LoggerLevel::INFO,
-                           "MEM MAX: Process userAgent, PID 20 is using 11024 Kb VM RSS, 12000 Kb "
-                           "VM HW, 64 FD buff size\n"));
-  EXPECT_EQ(1u, log_.Count(LoggerLevel::INFO,
-                           "FD MAX: Process userAgent, PID 20 has 4 open file descriptors\n"));
-}
-
-TEST_F(SysResMonTest, VanishedProcessIsAFailureOfItsOwnNotAnError) {
-  SysResMon::ProcessStatus st{};
-  EXPECT_EQ(StatusCode::INVALID_PARAM, SysResMon::ReadProcessStatus(st, 0));
-  EXPECT_EQ(1u, log_.Count(LoggerLevel::ERROR, "PID can't be less than 1\n"));
-  AddVanished(4242);
-  int32_t highestRss = 7;
-  int32_t highestFds = 7;
-  SysResMon::CheckProcessResConsumption("gone", 4242, 1024, highestRss, highestFds);
-  EXPECT_EQ(1u, log_.Count(LoggerLevel::DEBUG, "/4242/status' file reader object\n"));
-  EXPECT_EQ(1u, log_.Count(LoggerLevel::ERROR, "Can't read process status for PID 4242, ret 3\n"));
-  // Status readable, descriptors not: the memory part still counts, under the status name.
-  Write("556/status", "Name:\tx\nVmRSS:\t5000 kB\n");
+  EXPECT_EQ(log_.Dump(),
+            "MEM MAX: Process userAgent, PID 20 is using 11024 Kb VM RSS, 12000 Kb VM HW, 64 FD "
+            "buff size\nFD MAX: Process userAgent, PID 20 has 4 open file descriptors\n");
+  // Unreadable descriptors leave the memory part counting, under the status name.
+  Write("556/status", "Name:\tx\nVmRSS:\t15000 kB\n");
   SysResMon::CheckProcessResConsumption(nullptr, 556, 1024, highestRss, highestFds);
-  EXPECT_TRUE(log_.Contains("MEM MAX: Process x, PID 556 is using 5000 Kb"));
-  EXPECT_EQ(std::pair(5000, 7), std::pair(highestRss, highestFds));
-  EXPECT_EQ(1u, log_.Count(LoggerLevel::ERROR,
-                           "Can't get number of open file descriptors for PID 556, ret 3\n"));
+  EXPECT_TRUE(log_.Contains("MEM MAX: Process x, PID 556 is using 15000 Kb"));
+  EXPECT_EQ(std::pair(15000, 4), std::pair(highestRss, highestFds));
 }
 
 TEST_F(SysResMonTest, ZombieScanGoesOnPastAFullSpawnerTableOrphansAndVanishedProcesses) {
@@ -173,7 +130,6 @@ TEST_F(SysResMonTest, ZombieScanGoesOnPastAFullSpawnerTableOrphansAndVanishedPro
   Add({.pid = 50, .name = "orphan", .state = "Z (zombie)", .ppid = 49});
   AddVanished(51);
   Add({.pid = 52, .threads = 40});
-
   int32_t zombies = -1;
   int32_t threads = -1;
   ASSERT_EQ(StatusCode::SUCCESS, SysResMon::MonitorZombiesAndThreads(&zombies, &threads));
@@ -186,18 +142,7 @@ TEST_F(SysResMonTest, ZombieScanGoesOnPastAFullSpawnerTableOrphansAndVanishedPro
                            "No space for counting zombie spawner! process name [spawner"));
   EXPECT_EQ(1u, log_.Count(LoggerLevel::ERROR,
                            "Failed to find zombie's parent! Zombie name: [orphan], pid: [50] \n"));
-  EXPECT_EQ(1u, log_.Count(LoggerLevel::DEBUG, "Can't read process status for PID 51, ret 3\n"));
-
-  log_.Clear();
-  EXPECT_EQ(StatusCode::SUCCESS, SysResMon::MonitorZombiesAndThreads(nullptr, nullptr));
-  EXPECT_EQ(1u, log_.Count(LoggerLevel::ERROR, "ASSERT FAILED: NULL != zombiesCountOut \n"));
-  EXPECT_EQ(1u, log_.Count(LoggerLevel::ERROR, "ASSERT FAILED: NULL != systemThreadsCountOut \n"));
-  EXPECT_EQ(20u, log_.Count("Zombie spawner detected"));
-
-  SetProcRoot(Path("absent").c_str());
-  EXPECT_EQ(StatusCode::FAILURE, SysResMon::MonitorZombiesAndThreads(&zombies, &threads));
-  EXPECT_EQ(1u, log_.Count(LoggerLevel::ERROR, "Can't read directory " + Path("absent") + "\n"));
-  EXPECT_EQ(1u, log_.Count(LoggerLevel::ERROR, "Can't read number of pids\n"));
+  EXPECT_EQ(1u, log_.Count(LoggerLevel::DEBUG, "/51/status' file reader object\n")) << "vanished";
 }
 
 TEST_F(SysResMonTest, ProcessListIsSortedByResidentSizeAndCut) {
@@ -205,43 +150,9 @@ TEST_F(SysResMonTest, ProcessListIsSortedByResidentSizeAndCut) {
   Add({.pid = 4, .name = "big", .vmRssKb = 9000, .vmHwmKb = 9100});
   Add({.pid = 5, .name = "middle", .vmRssKb = 500, .vmHwmKb = 600});
   SysResMon::LogProcessesMemConsumption(2);
-  std::string ps;
-  for (const LogCapture::Line& line : log_.Lines()) {
-    if (line.message.rfind("PS: ", 0) == 0) ps += line.message;
-  }
   EXPECT_EQ(
-      "PS: PID  NAME  VM_RSS_KB  VM_HWM_KB\nPS: 4  big  9000  9100\nPS: 5  middle  500  600\n", ps);
-  log_.Clear();
-  SysResMon::LogProcessesMemConsumption(0);
-  EXPECT_EQ(4u, log_.Count(LoggerLevel::INFO, "PS: "));
-}
-
-// The real /proc, with a child of this test left unreaped as a zombie.
-TEST_F(SysResMonTest, RealProcShowsOwnZombieChildAndOwnStatus) {
-  SetProcRoot(nullptr);
-  const pid_t child = fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) _exit(0);
-  siginfo_t info{};
-  ASSERT_EQ(0, waitid(P_PID, child, &info, WEXITED | WNOWAIT));  // exited, not reaped
-
-  SysResMon::ProcessStatus self{};
-  ASSERT_EQ(StatusCode::SUCCESS, SysResMon::ReadProcessStatus(self, getpid()));
-  int32_t zombies = 0;
-  int32_t threads = 0;
-  EXPECT_EQ(StatusCode::SUCCESS, SysResMon::MonitorZombiesAndThreads(&zombies, &threads));
-  EXPECT_GE(zombies, 1);
-  EXPECT_GE(threads, self.threads + 1);
-  EXPECT_TRUE(log_.Contains("Zombie spawner detected! Name:[" + std::string(self.name.data()) +
-                            "], pid:[" + std::to_string(getpid()) + "], zombies spawned:[1] \n"))
-      << log_.Dump();
-
-  int32_t highestRss = 0;
-  int32_t highestFds = 0;
-  SysResMon::CheckProcessResConsumption(nullptr, getpid(), 1024, highestRss, highestFds);
-  EXPECT_EQ(self.vmRssKb > 0, highestRss > 0);
-  EXPECT_GE(highestFds, 3);
-  waitpid(child, nullptr, 0);
+      "PS: PID  NAME  VM_RSS_KB  VM_HWM_KB\nPS: 4  big  9000  9100\nPS: 5  middle  500  600\n",
+      log_.Dump());
 }
 
 }  // namespace
