@@ -16,9 +16,11 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
+# Tests run through qemu with the cross toolchain's loader and C library,
+# unless the caller passes an empty emulator because the kernel runs MIPS
+# programs itself (binfmt_misc).
 find_program(QWD_QEMU_MIPS qemu-mips-static)
-if(QWD_QEMU_MIPS)
-  # The dynamic loader and C library of the cross toolchain, for non-static runs.
+if(QWD_QEMU_MIPS AND NOT DEFINED CMAKE_CROSSCOMPILING_EMULATOR)
   set(CMAKE_CROSSCOMPILING_EMULATOR ${QWD_QEMU_MIPS} -L /usr/mips-linux-gnu)
 endif()
 
