@@ -24,6 +24,7 @@ namespace {
 constexpr uint32_t kHeartbeatMsec = 1000;
 constexpr uint32_t kForever = UINT32_MAX;
 constexpr uint32_t kVerbose = 1;
+constexpr uint32_t kInfo = 2;
 constexpr int kLastCrashRun = 4;
 
 // Counts the normal-mode runs in a file beside the binary; the new count.
@@ -56,6 +57,8 @@ void Commands(WatchdogClient& wd) {
   int32_t pid = 0;
   DemoReport("watchdog pid", wd.GetWatchdogPid(&pid));
   DemoSay("the watchdog's pid is %d", pid);
+  // Back to INFO, so that the rest of the story stays in the rotation.
+  DemoReport("watchdog log level INFO", wd.SetComponentLogLevel(LOGGER_COMPONENT_WATCHDOG, kInfo));
 }
 
 [[noreturn]] void Crash() {
@@ -97,7 +100,7 @@ const char* ScheduledAction(const DemoArgs& args) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  SetDemoName("demo-agent");
+  DemoStart("demo-agent");
   DemoArgs args;
   if (!ParseDemoArgs(argc, argv, &args)) return 2;
   DemoSay("started%s%s, dns %s%s%s", args.wd ? " by the watchdog" : "",

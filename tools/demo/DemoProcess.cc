@@ -1,7 +1,9 @@
 #include "tools/demo/DemoProcess.h"
 
+#include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -13,10 +15,25 @@ namespace {
 
 const char* g_name = "demo";
 constexpr uint32_t kPollMsec = 100;
+// Said by the SIGTERM handler, which can only write(2) what is ready.
+char g_stopLine[128];
+size_t g_stopLineLength = 0;
+
+void StopOnTerm(int) {
+  (void)!write(STDOUT_FILENO, g_stopLine, g_stopLineLength);
+  _exit(0);
+}
 
 }  // namespace
 
-void SetDemoName(const char* name) { g_name = name; }
+void DemoStart(const char* name) {
+  g_name = name;
+  const int length =
+      std::snprintf(g_stopLine, sizeof(g_stopLine), "%s[%d] stopped by the watchdog (SIGTERM)\n",
+                    name, static_cast<int>(getpid()));
+  g_stopLineLength = length > 0 ? std::min(static_cast<size_t>(length), sizeof(g_stopLine) - 1) : 0;
+  signal(SIGTERM, StopOnTerm);
+}
 
 void DemoSay(const char* format, ...) {
   std::printf("%s[%d] ", g_name, static_cast<int>(getpid()));

@@ -22,8 +22,9 @@ bool ParseDemoArgs(int argc, char** argv, DemoArgs* args);
 
 // "<name>[<pid>] <text>" on standard output, flushed at once.
 void DemoSay(const char* format, ...) __attribute__((format(printf, 1, 2)));
-// The name DemoSay prefixes; set once at start.
-void SetDemoName(const char* name);
+// Sets the name DemoSay prefixes, and makes SIGTERM (the watchdog's stop)
+// end the program with status 0 after saying so.
+void DemoStart(const char* name);
 
 // Connects for the role and starts heartbeats every periodMsec; null (said)
 // on failure.

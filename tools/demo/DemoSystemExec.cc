@@ -14,7 +14,7 @@ constexpr uint32_t kHeartbeatMsec = 2000;
 }  // namespace
 
 int main(int argc, char** argv) {
-  SetDemoName("demo-system-exec");
+  DemoStart("demo-system-exec");
   DemoArgs args;
   if (!ParseDemoArgs(argc, argv, &args)) return 2;
   DemoSay("started%s", args.wd ? " by the watchdog" : "");

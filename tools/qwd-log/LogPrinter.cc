@@ -38,7 +38,7 @@ void LogPrinter::PrintHuman(const LogRecord& record) {
   std::string source = BaseName(record.file);
   if (record.line >= 0) source += ':' + std::to_string(record.line);
   const char* colour = colour_ ? LevelColour(record.level) : "";
-  std::fprintf(out_, "%-19s %s%-7s%s %-28s %s%s%s\n", record.time.c_str(), colour,
+  std::fprintf(out_, "%-19s %s%-7s%s %-32s %s%s%s\n", record.time.c_str(), colour,
                record.level.c_str(), *colour != '\0' ? kReset : "", source.c_str(),
                record.function.c_str(), record.function.empty() ? "" : ": ",
                record.message.c_str());
