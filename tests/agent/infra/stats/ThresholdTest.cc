@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "tests/support/FakeClock.h"
-#include "tests/support/LogCapture.h"
 
 namespace {
 
@@ -20,7 +19,6 @@ class ThresholdTest : public ::testing::Test {
   }
 
   FakeClock clock_;
-  LogCapture log_;
 };
 
 TEST_F(ThresholdTest, RunsMeetTheThresholdOnlyWhileTheNewestStayBelowTheBudget) {
@@ -47,21 +45,6 @@ TEST_F(ThresholdTest, RunsMeetTheThresholdOnlyWhileTheNewestStayBelowTheBudget) 
     for (int seconds : c.runs) met += Run(*t, seconds) ? '1' : '0';
     EXPECT_EQ(c.met, met);
   }
-}
-
-TEST_F(ThresholdTest, FailureWithoutItsStartUsesTheSlotsOldStartAndEmptyRingsAreRefused) {
-  std::unique_ptr<Threshold> t = Threshold::Create(2, 100);
-  EXPECT_FALSE(t->AddFailureEvent());  // a fresh ring has no start
-  EXPECT_FALSE(Run(*t, 10));
-  EXPECT_TRUE(Run(*t, 10));
-  clock_.Advance(200 * 1000);
-  // The slot keeps its start of 220 s ago: the newest run alone uses up the budget.
-  EXPECT_FALSE(t->AddFailureEvent());
-  t->ResetEvents();
-  EXPECT_FALSE(Run(*t, 1));
-  EXPECT_TRUE(Run(*t, 1));
-  EXPECT_EQ(nullptr, Threshold::Create(0, 900));
-  EXPECT_EQ(1u, log_.Count(LoggerLevel::ERROR, "ASSERT FAILED: numEvents >= 1 \n"));
 }
 
 }  // namespace
