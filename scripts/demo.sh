@@ -20,8 +20,9 @@ story_limit_sec=90
 # Inside the namespace: run the watchdog through the story, then SIGTERM.
 if [ "${1:-}" = "--story" ]; then
   waited=0
-  until_line() {  # text: waits until the console shows it, false after the limit
+  until_line() {  # text: waits until the console shows it; false after the limit or an exit
     until grep -qF "$1" "$demo/console.log"; do
+      kill -0 "$wd" 2>/dev/null || return 1
       sleep 0.2
       waited=$((waited + 1))
       [ "$waited" -lt $((story_limit_sec * 5)) ] || return 1
@@ -32,7 +33,7 @@ if [ "${1:-}" = "--story" ]; then
   # The last scene: the agent back in normal mode, only heartbeating.
   if until_line "scene: quiet"; then sleep 3; else echo "demo: the story stalled" >>"$demo/console.log"; fi
   echo "demo: sending SIGTERM to quillmorWD ($wd)" >>"$demo/console.log"
-  kill -TERM "$wd"
+  kill -TERM "$wd" 2>/dev/null || true
   for _ in $(seq 150); do kill -0 "$wd" 2>/dev/null || break; sleep 0.2; done
   kill -KILL "$wd" 2>/dev/null || true
   set +e
