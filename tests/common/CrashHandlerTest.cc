@@ -85,7 +85,7 @@ TEST(MipsStackWalkTest, CorruptStackEndsAfterTheFrameLimit) {
 std::string Mask(std::string text, const std::string& prefix) {
   for (size_t at = text.find(prefix); at != std::string::npos; at = text.find(prefix, at)) {
     at += prefix.size();
-    text.replace(at, text.find_first_not_of("0123456789abcdef", at) - at, "#");
+    text.replace(at, text.find_first_not_of("0123456789abcdef", at) - at, 1, '#');
   }
   return text;
 }
