@@ -7,6 +7,7 @@
 
 #include <dirent.h>
 
+#include <cstddef>
 #include <cstdint>
 
 namespace SysResMon {
@@ -26,6 +27,29 @@ class ProcDir {
 
  private:
   DIR* dir_;  // the open directory, or null when it could not be opened
+};
+
+// Lines of one /proc file, read straight into a fixed buffer: the watch
+// cycle reads several of these each time, and stdio would add a
+// descriptor-flag call, a stat and a heap buffer to every read.
+class ProcFile {
+ public:
+  // errno tells why when IsOpen() is false.
+  explicit ProcFile(const char* path);
+  ~ProcFile();
+  ProcFile(const ProcFile&) = delete;
+  ProcFile& operator=(const ProcFile&) = delete;
+
+  bool IsOpen() const { return fd_ >= 0; }
+  // The next line with its newline (cut to size - 1 characters, as fgets
+  // does), terminated; false at the end.
+  bool ReadLine(char* line, size_t size);
+
+ private:
+  int fd_;               // the open file, or -1
+  char buffer_[2048];    // what the last read gave
+  size_t length_ = 0;    // bytes in buffer_
+  size_t position_ = 0;  // next unread byte of buffer_
 };
 
 // Every entry of the directory, "." and ".." included; -1 when it cannot be opened.

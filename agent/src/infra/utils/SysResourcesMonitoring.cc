@@ -1,5 +1,7 @@
 #include "agent/src/infra/utils/SysResourcesMonitoring.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
@@ -10,10 +12,10 @@
 #include <memory>
 #include <new>
 
-#include "agent/src/infra/io/FileReader.h"
 #include "agent/src/infra/utils/ProcDir.h"
 #include "common/Log.h"
 #include "common/ProcRoot.h"
+#include "common/ProcessUtils.h"
 #include "common/StringUtils.h"
 
 namespace SysResMon {
@@ -54,16 +56,14 @@ constexpr StatusKey kStatusKeys[] = {
 constexpr uint32_t kAllStatusKeys = (1u << std::size(kStatusKeys)) - 1;
 constexpr char kBlanks[] = " \t\n\v\f\r";  // what "%s" stops at
 
-// The reader opens lazily; opening here tells a process that has gone (an
-// expected race with /proc, logged at DEBUG when mayVanish) from a file that
-// really fails.
-std::unique_ptr<FileReader> OpenLineReader(const char* path, bool mayVanish) {
-  std::unique_ptr<FileReader> reader = CreateFileReader(path, 0);
-  if (reader && reader->GetFd() >= 0) return reader;
-  const bool gone = mayVanish && reader && (errno == ENOENT || errno == ESRCH);
+// Opening tells a process that has gone (an expected race with /proc, logged
+// at DEBUG when mayVanish) from a file that really fails.
+bool Opened(const ProcFile& file, const char* path, bool mayVanish) {
+  if (file.IsOpen()) return true;
+  const bool gone = mayVanish && (errno == ENOENT || errno == ESRCH);
   QWD_LOG(kComponent, gone ? LoggerLevel::DEBUG : LoggerLevel::ERROR,
           "Failed creating '%s' file reader object\n", path);
-  return nullptr;
+  return false;
 }
 
 // Keys are whole first words of the line, values the next word, both cut at
@@ -169,12 +169,12 @@ const ProcessStatus* FindProcess(const ProcessList& list, int32_t pid) {
 StatusCode ReadMeminfo(MemoryInfo& memoryInfo) {
   char path[kPathSize];
   std::snprintf(path, sizeof(path), "%s/meminfo", GetProcRoot());
-  std::unique_ptr<FileReader> reader = OpenLineReader(path, false);
-  if (!reader) return StatusCode::FAILURE;
+  ProcFile reader(path);
+  if (!Opened(reader, path, false)) return StatusCode::FAILURE;
 
   memoryInfo = MemoryInfo{};
   char line[kLineSize];
-  while (reader->ReadLine(line, kLineSize) > 0) {
+  while (reader.ReadLine(line, kLineSize)) {
     char name[kWordSize] = "";
     int value = 0;
     if (std::sscanf(line, " %99[a-zA-Z0-9()_ ]:%d", name, &value) != 2) {
@@ -204,8 +204,8 @@ StatusCode ReadProcessStatus(ProcessStatus& status, int32_t pid) {
   }
   char path[kPathSize];
   std::snprintf(path, sizeof(path), "%s/%d/status", GetProcRoot(), pid);
-  std::unique_ptr<FileReader> reader = OpenLineReader(path, true);
-  if (!reader) return StatusCode::FAILURE;
+  ProcFile reader(path);
+  if (!Opened(reader, path, true)) return StatusCode::FAILURE;
 
   status = ProcessStatus{};
   status.pid = pid;
@@ -213,7 +213,7 @@ StatusCode ReadProcessStatus(ProcessStatus& status, int32_t pid) {
   // one: the rest of the file (signal masks, CPU lists) costs further reads.
   uint32_t found = 0;
   char line[kLineSize];
-  while (found != kAllStatusKeys && reader->ReadLine(line, kLineSize) > 0) {
+  while (found != kAllStatusKeys && reader.ReadLine(line, kLineSize)) {
     found |= ParseStatusLine(line, status);
   }
   return StatusCode::SUCCESS;
@@ -243,6 +243,14 @@ StatusCode GetNumOpenFileDescriptors(int32_t* count, int32_t pid) {
   }
   char path[kPathSize];
   std::snprintf(path, sizeof(path), "%s/%d/fd", GetProcRoot(), pid);
+  // The kernel's /proc (Linux 6.2 on) gives the count as the directory's
+  // size: one stat per watch cycle instead of a listing. A listing of one's
+  // own descriptors holds one more, its own, which the count keeps.
+  struct stat info {};
+  if (std::strcmp(GetProcRoot(), "/proc") == 0 && stat(path, &info) == 0 && info.st_size > 0) {
+    *count = static_cast<int32_t>(info.st_size) + (pid == GetCachedPid() ? 1 : 0);
+    return StatusCode::SUCCESS;
+  }
   if (CountFilesInDirectory(path, count) != StatusCode::SUCCESS) {
     QWD_LOG_ERROR(kComponent, "Failed to count files in directory [%s] \n", path);
     return StatusCode::FAILURE;
