@@ -22,21 +22,33 @@ fi
 
 jobs=$(nproc)
 
-run_suite() {  # name, extra cmake arguments...
+build() {  # name, extra cmake arguments...; every warning fails the build here
   local name=$1; shift
-  cmake -S . -B "build/$name" -G Ninja "$@" >/dev/null
+  cmake -S . -B "build/$name" -G Ninja -DQWD_WERROR=ON "$@" >/dev/null
   cmake --build "build/$name" -j "$jobs"
-  (cd "build/$name" && ctest --output-on-failure -j "$jobs")
+}
+
+run_suite() {  # name, extra cmake arguments...
+  build "$@"
+  (cd "build/$1" && ctest --output-on-failure -j "$jobs")
 }
 
 run_suite plain -DCMAKE_BUILD_TYPE=RelWithDebInfo
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   run_suite sanitized -DCMAKE_BUILD_TYPE=Debug -DQWD_SANITIZE=ON -DQWD_BUILD_BENCH=OFF
 
+# The build types a packager may choose, with both compilers: built (tests
+# included), not run, so that a warning or error only they show is caught.
+for type in Release MinSizeRel; do build "gcc-$type" -DCMAKE_BUILD_TYPE=$type -DQWD_BUILD_BENCH=OFF; done
 if command -v clang++ >/dev/null; then
-  CXX=clang++ cmake -S . -B build/fuzz -G Ninja -DQWD_FUZZ=ON -DQWD_BUILD_TESTS=OFF \
-    -DQWD_BUILD_BENCH=OFF -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-  cmake --build build/fuzz -j "$jobs"
+  for type in Release MinSizeRel RelWithDebInfo; do
+    CXX=clang++ build "clang-$type" -DCMAKE_BUILD_TYPE=$type -DQWD_BUILD_BENCH=OFF
+  done
+fi
+
+if command -v clang++ >/dev/null; then
+  CXX=clang++ build fuzz -DQWD_FUZZ=ON -DQWD_BUILD_TESTS=OFF -DQWD_BUILD_BENCH=OFF \
+    -DCMAKE_BUILD_TYPE=RelWithDebInfo
   for target in build/fuzz/fuzz/*_fuzz; do
     [ -x "$target" ] || continue
     name=$(basename "$target")
