@@ -139,6 +139,11 @@ bool SetCrashHandler(const char* directory, const char* name, int32_t pid) {
   return true;
 }
 
+void CloseCrashDump() {
+  if (g_crash.dumpFd >= 0) close(g_crash.dumpFd);
+  g_crash.dumpFd = -1;
+}
+
 void SetCrashAccountIdSource(const char* (*getAccountId)()) {
   g_crash.accountIdSource = getAccountId;
 }

@@ -18,6 +18,9 @@
 // output, when the file cannot be created.
 bool SetCrashHandler(const char* directory, const char* name, int32_t pid);
 
+// Closes the dump file: a later fault is traced on standard output alone.
+void CloseCrashDump();
+
 // Where the handler takes the account id kept in its crash state
 // ("DefaultAccountID" when the source is unset or gives an empty text); the
 // watchdog passes the logger's, which keeps this layer free of the logger.

@@ -3,6 +3,7 @@
 // processes are started through the links.
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "agent/src/infra/logger/Logger.h"
@@ -90,6 +91,8 @@ void Watchdog::Init() {
     std::puts("Failed initializing crash handler");
     WatchdogExit(-1);
   }
+  // Every way out ends in exit(), which then leaves no descriptor but the standard ones.
+  std::atexit(CloseCrashDump);
   if (!InitLogger()) {
     std::puts("Failed creating logger, exiting...");
     WatchdogExit(-1);

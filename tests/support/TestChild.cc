@@ -23,8 +23,9 @@
 // steps: hb (one heartbeat), beat (a heartbeat a second, for ever), fail,
 // pid N|parent (a heartbeat naming pid N or the watchdog's), cmd ID [U32...], text ID [TEXT] (no
 // data when TEXT is absent), exit N, ignore-term, wait. Replies go to "<role>.replies" as
-// "<id> <status> <first reply word>". The line "half" alone sends a header
-// announcing data and no data, and waits.
+// "<id> <status> <first reply word>". The lines "half", "garbage", "big" and
+// "hangup" alone send one raw request (see RawHeader) and wait for its reply;
+// "never" waits without connecting.
 
 #include <signal.h>
 #include <unistd.h>
@@ -68,6 +69,19 @@ StatusCode Heartbeat(IpcChannel& channel, const char* socketName, int32_t pid, b
                              10000);
 }
 
+// The request that a raw line sends past the client: "half" announces data
+// and sends none, "garbage" has a wrong magic, "big" a record larger than the
+// watchdog takes, "hangup" announces data and ends the process. Null for
+// any other line.
+const IpcHeader* RawHeader(const std::string& plan) {
+  static const IpcHeader kHalf{kIpcMagic, 8, 3};
+  static const IpcHeader kGarbage{0x12345678, 0, 3};
+  static const IpcHeader kBig{kIpcMagic, 4096, 3};
+  if (plan == "half" || plan == "hangup") return &kHalf;
+  if (plan == "garbage") return &kGarbage;
+  return plan == "big" ? &kBig : nullptr;
+}
+
 int RunPlan(int argc, char** argv) {
   const std::string dir =
       std::getenv("QWD_CHILD_PLAN_DIR") ? std::getenv("QWD_CHILD_PLAN_DIR") : ".";
@@ -89,16 +103,17 @@ int RunPlan(int argc, char** argv) {
   signal(SIGTERM, ExitOnTerm);
   const char* socketName =
       role == "quillmorSystemExec" ? kSystemExecSocketName : kUserAgentSocketName;
-  if (plan == "half") {
-    // A header that announces data, and no data: the reply must still come.
+  if (plan == "never") WaitForSignal();
+  if (const IpcHeader* header = RawHeader(plan)) {
     const int fd = socket(AF_UNIX, SOCK_SEQPACKET, 0);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     SafeStrCopy(address.sun_path, sizeof(address.sun_path), socketName);
     if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) return 3;
-    const IpcHeader header{kIpcMagic, 8, 3};
+    send(fd, header, sizeof(*header), 0);
+    if (plan == "hangup") return 0;
+    if (plan == "big") send(fd, std::string(header->length, 'x').data(), header->length, 0);
     IpcHeader reply{};
-    send(fd, &header, sizeof(header), 0);
     pollfd entry{fd, POLLIN, 0};
     if (poll(&entry, 1, 5000) == 1 && recv(fd, &reply, sizeof(reply), 0) == sizeof(reply)) {
       std::ofstream(base + ".replies", std::ios::app) << "3 " << reply.commandOrStatus << " 0\n";

@@ -1,0 +1,137 @@
+// The faults a router meets, each on the built quillmorWD with real children:
+// the watchdog's answer as its rules give it, then no crash, every child
+// settled again, no descriptor more than a healthy run holds and no zombie.
+// A child ignoring SIGTERM (killed at round 50) is MonitoredProcessTest's,
+// on the scaled clock.
+
+#include <sys/mount.h>
+
+#include <fstream>
+#include <functional>
+
+#include "tests/watchdog/e2e/WatchdogRun.h"
+
+namespace {
+
+using namespace e2e;
+
+class FaultMatrixTest : public WatchdogRun {
+ protected:
+  // The pid of a child's latest launch.
+  pid_t LastLaunch(const std::string& role) const {
+    const std::vector<std::string> launches = Lines("plan/" + role + ".launches");
+    return launches.empty() ? -1 : std::atoi(launches.back().c_str());
+  }
+  // Waits until the agent has been launched `launches` times and both
+  // children's latest launches are connected (their pid files written).
+  bool Settled(size_t launches) const {
+    for (auto end = Clock::now() + std::chrono::seconds(30); Clock::now() < end;
+         std::this_thread::sleep_for(std::chrono::milliseconds(50))) {
+      if (Lines("plan/quillmorUserAgent.launches").size() != launches) continue;
+      bool connected = true;
+      for (const char* role : {"quillmorUserAgent", "quillmorSystemExec"}) {
+        connected &= ReadWholeFile(dir_.File(std::string("run/") + role + ".pid")) ==
+                     std::to_string(LastLaunch(role)) + "\n";
+      }
+      if (connected) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        return true;
+      }
+    }
+    ADD_FAILURE() << "the children did not settle after " << launches << " agent launches";
+    return false;
+  }
+  size_t Descriptors() const {
+    const fs::path fds = "/proc/" + std::to_string(pid_) + "/fd";
+    return std::distance(fs::directory_iterator(fds), fs::directory_iterator());
+  }
+  static int Zombies() {
+    int zombies = 0;
+    for (const auto& entry : fs::directory_iterator("/proc")) {
+      const std::string stat = ReadWholeFile(entry.path() / "stat");
+      const size_t end = stat.rfind(')');
+      zombies += end != std::string::npos && stat.compare(end, 4, ") Z ") == 0;
+    }
+    return zombies;
+  }
+};
+
+struct Fault {
+  const char* name;
+  std::string agentPlan;
+  std::function<void()> before;   // before the start
+  std::function<void()> trigger;  // once all has settled
+  std::string answer;             // of the watchdog, in its log or as "<file>:<text>"
+  size_t launches;                // of the agent, once all has settled again
+};
+
+TEST_F(FaultMatrixTest, EachFaultGetsItsAnswerAndLeavesNothingBehind) {
+  Start("beat");
+  ASSERT_TRUE(Settled(1));
+  const size_t healthy = Descriptors();
+  ASSERT_TRUE(WIFEXITED(Finish(SIGTERM)));
+
+  auto signalAgent = [this](int signal) { kill(LastLaunch("quillmorUserAgent"), signal); };
+  const std::string cleanup = ReadWholeFile(version_ + "/cleanup.sh");
+  const std::string restart = "Restarting all entities!";
+  const Fault faults[] = {
+      {"agent crash", "beat", nullptr, [&] { signalAgent(SIGKILL); },
+       "status is unknown(5). " + restart, 2},
+      {"agent hang", "beat", nullptr, [&] { signalAgent(SIGSTOP); }, "setting state to FAILED!", 2},
+      {"failure notice", "hb fail\nbeat", nullptr, nullptr, "msg 'planned failure'", 2},
+      {"garbage", "garbage", nullptr, nullptr, "Got invalid magic 0x12345678 instead of dead dude",
+       1},
+      {"oversized record", "big", nullptr, nullptr, "Got size 4096, larger than max 200", 1},
+      {"hang-up mid-request", "hangup\nbeat", nullptr, nullptr, restart, 2},
+      {"never connects", "never\nbeat", nullptr, nullptr,
+       "quillmorUserAgent to connect to the IPC channel", 2},
+      {"cleanup script missing", "hb fail\nbeat", [&] { fs::remove(version_ + "/cleanup.sh"); },
+       nullptr, "Failed doing agent cleanup", 2},
+      {"log directory full", "hb fail\nbeat",
+       [&] {
+         dir_.Write("dl/" + kVersion + "/cleanup.sh", cleanup);
+         chmod((version_ + "/cleanup.sh").c_str(), 0755);
+         ASSERT_EQ(mount("qwd-full", dir_.File("log").c_str(), "tmpfs", 0, "size=64k"), 0);
+         std::ofstream fill(dir_.File("log/fill"));
+         while (fill << std::string(4096, 'x') << std::flush) {
+         }
+       },
+       nullptr, "plan/cleanup.log:cleanup", 2},
+  };
+  for (const Fault& fault : faults) {
+    SCOPED_TRACE(fault.name);
+    for (const char* file : {"quillmorUserAgent.launches", "quillmorUserAgent.replies",
+                             "quillmorSystemExec.launches", "cleanup.log"}) {
+      fs::remove(dir_.File(std::string("plan/") + file));
+    }
+    if (fault.before) fault.before();
+    Start(fault.agentPlan);
+    if (fault.trigger) {
+      ASSERT_TRUE(Settled(1));
+      fault.trigger();
+    }
+    const bool inFile = fault.answer.rfind("plan/", 0) == 0;
+    const size_t colon = inFile ? fault.answer.find(':') : 0;
+    ASSERT_TRUE(inFile ? WaitFor(fault.answer.substr(0, colon), fault.answer.substr(colon + 1))
+                       : WaitFor("", fault.answer, 30));
+    // A stopped agent would hold the stop to its SIGKILL round.
+    signalAgent(SIGCONT);
+    EXPECT_TRUE(Settled(fault.launches));
+    EXPECT_EQ(waitpid(pid_, nullptr, WNOHANG), 0) << "the watchdog ended";
+    EXPECT_EQ(Descriptors(), healthy);
+    EXPECT_EQ(Zombies(), 0);
+    const int status = Finish(SIGTERM);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  }
+  umount(dir_.File("log").c_str());
+}
+
+TEST_F(FaultMatrixTest, MissingVersionDirectoryEndsTheStart) {
+  fs::remove_all(version_);
+  Start("beat");
+  const int status = WaitForExit(10);
+  EXPECT_TRUE(WIFEXITED(status)) << status;
+  EXPECT_FALSE(fs::exists(dir_.File("plan/quillmorUserAgent.launches")));
+}
+
+}  // namespace
