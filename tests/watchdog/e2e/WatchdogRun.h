@@ -83,8 +83,9 @@ class WatchdogRun : public ::testing::Test {
       freopen(dir_.File("stdout").c_str(), "w", stdout);
       std::vector<const char*> argv;
       for (const std::string& word : wrapper_) argv.push_back(word.c_str());
-      argv.insert(argv.end(), {QWD_BINARY, "-f", cfg.c_str(), nullptr});
-      execv(argv[0], const_cast<char* const*>(argv.data()));
+      argv.insert(argv.end(),
+                  {wrapper_.empty() ? "quillmorWD" : QWD_BINARY, "-f", cfg.c_str(), nullptr});
+      execv(wrapper_.empty() ? QWD_BINARY : argv[0], const_cast<char* const*>(argv.data()));
       _exit(127);
     }
   }
