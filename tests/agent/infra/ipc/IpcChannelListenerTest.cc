@@ -60,11 +60,6 @@ TEST_F(IpcChannelListenerTest, EachSlotReportsWhatHappenedWhileWaitSucceeds) {
   ASSERT_TRUE(SendRecord(clients_[3], "short"));
   EXPECT_EQ(listener_->Wait(1000, results_.data()), StatusCode::SUCCESS);
   EXPECT_EQ(results_, (Results{1, 3, 1, 5, 0}));
-  EXPECT_EQ(log_.Count(LoggerLevel::ERROR,
-                       "listener 'test' polled on channel ID 1 for POLLIN, got a disconnection"),
-            1u);
-  EXPECT_TRUE(log_.Contains(
-      "Failed processing the request after it was triggered.Returned status FAILURE(3)"));
   IpcHeader reply{};
   std::string data;
   ASSERT_TRUE(TakeReply(clients_[2], &reply, &data));
@@ -91,51 +86,30 @@ TEST_F(IpcChannelListenerTest, HangUpNeitherShortensTheWaitNorHidesLaterRequests
   EXPECT_EQ(results_, (Results{0, 3, 0, 0, 1}));
 }
 
-TEST_F(IpcChannelListenerTest, WaitWithoutChannelsOrTrafficReturnsAtOnce) {
-  results_.fill(7);
-  EXPECT_EQ(CreateIpcChannelListener(kCapacity, "empty")->Wait(1000, results_.data()),
-            StatusCode::IRRELEVANT);
-  EXPECT_EQ(results_, Results{});
-  EXPECT_EQ(listener_->Wait(10, results_.data()), StatusCode::TIMEOUT);
-  EXPECT_EQ(log_.Count(LoggerLevel::ERROR, "IPC channel listener 'test' polling timed out."), 1u);
+// Callers rely on the lowest free slot coming first and on only the first
+// in-use entries being polled, even when a free slot is removed again.
+TEST_F(IpcChannelListenerTest, SlotsAreReusedLowestFirstAndOnlyTheCountedOnesPolled) {
   EXPECT_EQ(listener_->AddChannel(servers_[0].get()), -1);
-  EXPECT_TRUE(log_.Contains("IPC channel listener 'test' exhausted, already listening on 5"));
-}
-
-TEST_F(IpcChannelListenerTest, RemovingAnEarlySlotHidesTheLastOneFromWait) {
+  EXPECT_EQ(listener_->Wait(10, results_.data()), StatusCode::TIMEOUT);
   listener_->RemoveChannel(0);
-  EXPECT_EQ(listener_->GetChannelByDescriptor(0), nullptr);
   EXPECT_EQ(listener_->GetChannelByDescriptor(4), servers_[4].get());
   ASSERT_TRUE(SendRequest(4));
   EXPECT_EQ(listener_->Wait(10, results_.data()), StatusCode::TIMEOUT);
-  // The lowest free slot is reused, and all slots are polled again.
   EXPECT_EQ(listener_->AddChannel(servers_[0].get()), 0);
   EXPECT_EQ(listener_->Wait(1000, results_.data()), StatusCode::SUCCESS);
   EXPECT_EQ(results_[4], IPC_CHANNEL_PROCESSED_REQUEST);
-}
 
-TEST_F(IpcChannelListenerTest, RemovingAFreeSlotStillLowersTheCount) {
   for (int i = 0; i < 5; ++i) listener_->RemoveChannel(4);
   EXPECT_EQ(listener_->Wait(10, results_.data()), StatusCode::IRRELEVANT);
   // Slots 0 to 3 are still taken: the count says room, the flags say one slot.
   EXPECT_EQ(listener_->AddChannel(servers_[4].get()), 4);
   EXPECT_EQ(listener_->AddChannel(servers_[4].get()), -1);
-  EXPECT_TRUE(log_.Contains("can't find empty channel slot, in use 1, max 5"));
-  listener_->RemoveChannel(-1);
-  EXPECT_TRUE(log_.Contains("can't remove channel descriptor -1. Max channels: 1"));
   // A count driven below zero must never make Wait poll past its slots.
   listener_->RemoveChannel(4);
   listener_->RemoveChannel(4);
   ASSERT_TRUE(SendRequest(0));
   EXPECT_EQ(listener_->Wait(1000, results_.data()), StatusCode::SUCCESS);
   EXPECT_EQ(results_[0], IPC_CHANNEL_PROCESSED_REQUEST);
-}
-
-TEST(IpcChannelWaitResultToStrTest, OnlyValuesOneToFiveHaveTexts) {
-  EXPECT_STREQ(IpcChannelWaitResultToStr(0), "N/A");
-  EXPECT_STREQ(IpcChannelWaitResultToStr(1), "processed request successfully");
-  EXPECT_STREQ(IpcChannelWaitResultToStr(5), "Failed processing request");
-  EXPECT_STREQ(IpcChannelWaitResultToStr(6), "N/A");
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 // IpcChannel's server side against a raw peer that may send anything, and
-// its client side against a real server in a child process.
+// its client side against a real server in a child process. Bad magic,
+// oversized records and hang-ups on the watchdog's own channels are the
+// fault matrix's (tests/watchdog/e2e).
 
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -11,6 +13,7 @@
 #include <filesystem>
 #include <string>
 #include <thread>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -59,14 +62,12 @@ class IpcChannelTest : public ::testing::Test {
     return replied ? reply.commandOrStatus : kNoReply;
   }
 
-  // A fresh server_ process (the path's stale socket removed), and client_.
-  void ServeInChild(bool reconnect = false, bool threadSafe = false) {
-    unlink(path_.c_str());
+  // server_ served by a child process, and client_ connected to it.
+  void ServeInChild(bool threadSafe = false) {
     child_ = StartServer(*server_);
     ASSERT_GT(child_, 0);
-    if (client_) return;
     client_ = CreateIpcChannel(path_.c_str(), 0, 0, threadSafe);
-    ASSERT_EQ(client_->Connect(reconnect), StatusCode::SUCCESS);
+    ASSERT_EQ(client_->Connect(false), StatusCode::SUCCESS);
   }
 
   StatusCode Send(int32_t command, const std::string& data, size_t replySize = 16) {
@@ -87,8 +88,9 @@ class IpcChannelTest : public ::testing::Test {
 };
 
 TEST_F(IpcChannelTest, EveryRequestGetsItsReplyStatusAndTheNextOneIsServed) {
+  EXPECT_EQ(server_->RegisterHandler(10, nullptr, nullptr), StatusCode::INVALID_PARAM);
+  EXPECT_EQ(server_->RegisterHandler(-1, nullptr, nullptr), StatusCode::INVALID_PARAM);
   AcceptRawClient();
-  const std::string big(65536, 'b');
   const struct {
     std::string header;
     std::string data;  // a second record, sent when not empty
@@ -97,15 +99,11 @@ TEST_F(IpcChannelTest, EveryRequestGetsItsReplyStatusAndTheNextOneIsServed) {
     int handlerCalls;
     std::string log;
   } cases[] = {
-      {Header(0x12345678u, 0, kEcho), "", kFailure, 0, 0,
-       "Got invalid magic 0x12345678 instead of dead dude"},
       {Header(kIpcMagic, 0, 10), "", kInvalid, 0, 0, "Got command 10, max allowed 10"},
       {Header(kIpcMagic, 0, 9), "", kInvalid, 0, 0, "Got un-registered command 9"},
-      {Header(kIpcMagic, 300, kEcho), std::string(300, 'a'), kInvalid, 0, 0,
-       "Got size 300, larger than max 200"},
-      {Header(kIpcMagic, 65536, kEcho), big, kInvalid, 0, 0, "Got size 65536, larger than max"},
       {Header(kIpcMagic, 10, kEcho), "abc", kFailure, 0, 0, "Read only 3 bytes"},
-      {Header(kIpcMagic, 0, kEcho) + big, "", 0, 0, 1, "Replying to cmd 0 with status SUCCESS(0)"},
+      {Header(kIpcMagic, 0, kEcho) + std::string(65536, 'b'), "", 0, 0, 1,
+       "Replying to cmd 0 with status SUCCESS(0)"},
       {Header(kIpcMagic, 0, kHugeReply), "", kInvalid, 1, 1,
        "Got reply data len 65537 > UINT16_MAX (65535), truncating"},
       {Header(kIpcMagic, 0, kFailWithData), "", kFailure, 5, 1,
@@ -129,35 +127,24 @@ TEST_F(IpcChannelTest, EveryRequestGetsItsReplyStatusAndTheNextOneIsServed) {
   }
 }
 
-TEST_F(IpcChannelTest, TimeOutsHangUpsAndMissingConnectionsAreFailures) {
+// A header announcing data that never came used to block the watchdog's only
+// thread in the read of the data record; a hang-up mid-request is a failure.
+TEST_F(IpcChannelTest, HalfSentRequestIsAFailedReadAfterAShortWait) {
   AcceptRawClient();
-  EXPECT_EQ(server_->ServerWaitAndProcess(10), StatusCode::FAILURE);
-  EXPECT_TRUE(log_.Contains("Server got timeout while waiting for new message on channel ID"));
+  {
+    FakeClock clock;
+    const int64_t start = clock.NowMsec();
+    // A blocking read would end after a real second, not on the fake clock.
+    const timeval second{1, 0};
+    setsockopt(server_->GetDescriptor(), SOL_SOCKET, SO_RCVTIMEO, &second, sizeof(second));
+    EXPECT_EQ(RawRequest(Header(kIpcMagic, 4, kEcho)), kFailure);
+    EXPECT_EQ(clock.NowMsec() - start, 300);
+  }
   ASSERT_TRUE(SendRecord(raw_, Header(kIpcMagic, 10, kEcho)));
   close(raw_);
   EXPECT_EQ(server_->ProcessRequest(true), StatusCode::FAILURE);
-  EXPECT_TRUE(log_.Contains("Read failed on channel ID"));
-  EXPECT_EQ(g_handlerCalls, 0);
   EXPECT_EQ(server_->ServerWaitAndProcess(100), StatusCode::FAILURE);
-  server_->CloseConnection();
-  EXPECT_EQ(server_->ProcessRequest(true), StatusCode::FAILURE);
-  EXPECT_TRUE(log_.Contains("Client did not connect yet on channel ID"));
-  EXPECT_EQ(server_->ServerAccept(10), StatusCode::FAILURE);
-  EXPECT_TRUE(log_.Contains("Server failed waiting for new connection on channel ID"));
-}
-
-// A header announcing data that never came used to block the watchdog's only
-// thread in the read of the data record.
-TEST_F(IpcChannelTest, HalfSentRequestIsAFailedReadAfterAShortWait) {
-  AcceptRawClient();
-  FakeClock clock;
-  const int64_t start = clock.NowMsec();
-  // A blocking read would end after a real second, not on the fake clock.
-  const timeval second{1, 0};
-  setsockopt(server_->GetDescriptor(), SOL_SOCKET, SO_RCVTIMEO, &second, sizeof(second));
-  EXPECT_EQ(RawRequest(Header(kIpcMagic, 4, kEcho)), kFailure);
-  EXPECT_EQ(clock.NowMsec() - start, 300);
-  EXPECT_TRUE(log_.Contains("Read failed on channel ID " + path_ + ", errno Connection timed out"));
+  EXPECT_EQ(g_handlerCalls, 0);
 }
 
 TEST_F(IpcChannelTest, SocketIsOwnerOnlyAndAForeignPeerIsTurnedAway) {
@@ -181,15 +168,9 @@ TEST_F(IpcChannelTest, SocketIsOwnerOnlyAndAForeignPeerIsTurnedAway) {
   EXPECT_EQ(server_->GetDescriptor(), -1);
 }
 
-TEST_F(IpcChannelTest, PathOutlivesTheChannel) {
-  AcceptRawClient();
-  server_.reset();
-  EXPECT_EQ(CreateIpcChannel(path_.c_str(), 0, 0, false)->ServerInit(), StatusCode::FAILURE);
-  EXPECT_TRUE(log_.Contains("Failed binding for channel ID"));
-}
-
-// Guards against a second start of a monitored process leaking its first listening socket.
-TEST_F(IpcChannelTest, SecondServerInitReplacesTheListeningSocket) {
+// Listening, accepted and client sockets alike are close-on-exec; a second
+// start of a monitored process used to leak its first listening socket.
+TEST_F(IpcChannelTest, NoSocketLeaksIntoChildrenOrPastASecondServerInit) {
   auto openDescriptors = [] {
     const std::filesystem::directory_iterator fds("/proc/self/fd");
     return std::distance(begin(fds), end(fds));
@@ -197,120 +178,43 @@ TEST_F(IpcChannelTest, SecondServerInitReplacesTheListeningSocket) {
   ASSERT_EQ(server_->ServerInit(), StatusCode::SUCCESS);
   const auto before = openDescriptors();
   unlink(path_.c_str());
-  EXPECT_EQ(server_->ServerInit(), StatusCode::SUCCESS);
-  EXPECT_EQ(openDescriptors(), before);
-  EXPECT_TRUE(log_.Contains("was still open, closing it first"));
-  raw_ = RawConnect(path_);
-  EXPECT_EQ(server_->ServerAccept(1000), StatusCode::SUCCESS);
-}
-
-// Listening, accepted and client sockets alike are close-on-exec.
-TEST_F(IpcChannelTest, ExecutedChildrenInheritNoChannelSocket) {
-  AcceptRawClient();
+  AcceptRawClient();  // a second ServerInit, a raw client and its accepted socket
+  EXPECT_EQ(openDescriptors(), before + 2);
   client_ = CreateIpcChannel(path_.c_str(), 0, 0, false);
   ASSERT_EQ(client_->Connect(false), StatusCode::SUCCESS);
   // grep exits with 1 when the shell holds no socket at all.
   EXPECT_EQ(WEXITSTATUS(system("ls -l /proc/$$/fd | grep -q socket:")), 1);
 }
 
-TEST_F(IpcChannelTest, RegisterHandlerRefusesIdsOutOfRangeAndWarnsOnReplace) {
-  EXPECT_EQ(server_->RegisterHandler(10, nullptr, nullptr), StatusCode::INVALID_PARAM);
-  EXPECT_TRUE(log_.Contains("Trying to register server handler ID 10 (max allowed 9)"));
-  EXPECT_EQ(server_->RegisterHandler(-1, nullptr, nullptr), StatusCode::INVALID_PARAM);
-  EXPECT_EQ(server_->RegisterHandler(kEcho, nullptr, nullptr), StatusCode::SUCCESS);
-  EXPECT_EQ(log_.Count(LoggerLevel::WARN, "Replacing current registered handler for ID 0"), 1u);
-  AcceptRawClient();
-  EXPECT_EQ(RawRequest(Header(kIpcMagic, 0, kEcho)), kInvalid);
-}
-
-TEST_F(IpcChannelTest, ClientReturnsTheReplyStatus) {
+TEST_F(IpcChannelTest, ClientReturnsTheReplyStatusAndWhatFitsItsBuffer) {
   ServeInChild();
-  EXPECT_EQ(Send(kEcho, "hello"), StatusCode::SUCCESS);
-  EXPECT_STREQ(buffer_, "hello");
-  EXPECT_EQ(Send(kFailWithData, ""), StatusCode::FAILURE);
-  EXPECT_STREQ(buffer_, "abcde");  // status and data both arrive
-  EXPECT_EQ(Send(9, ""), StatusCode::INVALID_PARAM);
-  EXPECT_EQ(log_.Count(LoggerLevel::WARN, "replied with status FAILURE(3) to command ID 1"), 1u);
-  // The word in this line is always "SUCCESS", whatever the reply said.
-  EXPECT_EQ(log_.Count(LoggerLevel::ERROR, "Failed sending command type 1 on channel ID " + path_ +
-                                               ", status SUCCESS\n"),
-            1u);
-}
-
-TEST_F(IpcChannelTest, ShortReplyBufferTruncatesAndZeroSizedOneFails) {
-  ServeInChild();
-  EXPECT_EQ(Send(kTenBytes, "", 4), StatusCode::SUCCESS);
-  EXPECT_STREQ(buffer_, "0123");
-  EXPECT_EQ(log_.Count(LoggerLevel::WARN, "reply needs 10 bytes but only 4 bytes"), 1u);
-  EXPECT_EQ(Send(kTenBytes, "", 0), StatusCode::FAILURE);
-  EXPECT_TRUE(log_.Contains("Got 10 reply data bytes, but no user buffer to read them"));
-  // The unread data record was dropped: the next reply is read from its header.
-  EXPECT_EQ(Send(kEcho, "next"), StatusCode::SUCCESS);
-  EXPECT_STREQ(buffer_, "next");
-}
-
-TEST_F(IpcChannelTest, SilentServerTimesOutAndIsReconnectedAtOnce) {
-  ASSERT_EQ(server_->ServerInit(), StatusCode::SUCCESS);  // never accepts
-  client_ = CreateIpcChannel(path_.c_str(), 0, 0, false);
-  ASSERT_EQ(client_->Connect(true), StatusCode::SUCCESS);
-  FakeClock clock;
-  EXPECT_EQ(client_->SendCommand(kEcho, nullptr, 0, buffer_, 4, 20), StatusCode::TIMEOUT);
-  EXPECT_TRUE(log_.Contains("Timed-out waiting 20 milliseconds for new message"));
-  EXPECT_TRUE(log_.Contains("reconnection done successfully!"));
-  EXPECT_EQ(clock.SleepCalls(), 0u);
-}
-
-TEST_F(IpcChannelTest, OnlyAReconnectingClientSurvivesAServerRestart) {
-  for (const bool reconnect : {true, false}) {
-    SCOPED_TRACE(reconnect);
-    client_.reset();
-    log_.Clear();
-    ServeInChild(reconnect);
-    EXPECT_EQ(Send(kEcho, "one"), StatusCode::SUCCESS);
-    KillServer(&child_);
-    ServeInChild();
-    // The failed exchange is not sent again.
-    EXPECT_EQ(Send(kEcho, "lost"), StatusCode::FAILURE);
-    EXPECT_EQ(log_.Contains("trying to reconnect"), reconnect);
-    EXPECT_EQ(Send(kEcho, "two"), reconnect ? StatusCode::SUCCESS : StatusCode::FAILURE);
-    KillServer(&child_);
+  // command, data, reply buffer size, status, reply
+  const std::tuple<int32_t, std::string, size_t, StatusCode, std::string> cases[] = {
+      {kEcho, "hello", 16, StatusCode::SUCCESS, "hello"},
+      {kFailWithData, "", 16, StatusCode::FAILURE, "abcde"},  // status and data both arrive
+      {9, "", 16, StatusCode::INVALID_PARAM, ""},
+      {kTenBytes, "", 4, StatusCode::SUCCESS, "0123"},
+      {kTenBytes, "", 0, StatusCode::FAILURE, ""},
+      // The unread data record was dropped: the next reply is read from its header.
+      {kEcho, "next", 16, StatusCode::SUCCESS, "next"},
+  };
+  for (const auto& [command, data, size, status, reply] : cases) {
+    SCOPED_TRACE(command);
+    EXPECT_EQ(Send(command, data, size), status);
+    EXPECT_STREQ(buffer_, reply.c_str());
   }
-  // Without the flag, the owner recovers by connecting again itself.
-  EXPECT_EQ(client_->Connect(false), StatusCode::FAILURE);
-  EXPECT_TRUE(log_.Contains("already exists? call disconnect first"));
-  client_->Disconnect();
-  EXPECT_EQ(Send(kEcho, ""), StatusCode::FAILURE);
-  EXPECT_TRUE(log_.Contains("is disconnected! Can't send command type 0"));
-  ServeInChild();
-  ASSERT_EQ(client_->Connect(false), StatusCode::SUCCESS);
-  EXPECT_EQ(Send(kEcho, "four"), StatusCode::SUCCESS);
-}
-
-TEST_F(IpcChannelTest, ConnectGivesUpAfterTenAttemptsASecondApart) {
-  FakeClock clock;
-  client_ = CreateIpcChannel(path_.c_str(), 0, 0, true);
-  EXPECT_EQ(client_->Connect(false), StatusCode::FAILURE);
-  EXPECT_EQ(clock.SleptMsec(), 10000);
-  EXPECT_EQ(log_.Count("Failed connecting to server on channel ID"), 10u);
-  EXPECT_TRUE(log_.Contains("attempt 9, errno"));
-  EXPECT_TRUE(log_.Contains("Failed connecting client channel ID " + path_));
-  // The descriptor went back to -1: a new attempt is not refused as a duplicate.
-  EXPECT_EQ(client_->Connect(false), StatusCode::FAILURE);
-  EXPECT_FALSE(log_.Contains("already exists"));
 }
 
 TEST_F(IpcChannelTest, ThreadSafeClientKeepsExchangesApart) {
-  ServeInChild(false, true);
+  ServeInChild(true);
   std::atomic<int> mismatches{0};
   auto worker = [this, &mismatches](char tag) {
     for (int i = 0; i < 100; ++i) {
       const std::string data(1 + i % 50, tag);
       char reply[64] = {};
-      if (client_->SendCommand(kEcho, data.data(), data.size(), reply, sizeof(reply), 2000) !=
-              StatusCode::SUCCESS ||
-          data != reply) {
-        ++mismatches;
-      }
+      mismatches += client_->SendCommand(kEcho, data.data(), data.size(), reply, sizeof(reply),
+                                         2000) != StatusCode::SUCCESS ||
+                    data != reply;
     }
   };
   std::thread a(worker, 'a');
