@@ -68,17 +68,12 @@ TEST(SystemExecLocalTest, WithoutAConnectedServerCommandsRunHere) {
   FakeClock clock;
   unlink(SystemExecGW::kSocketPath);
   EXPECT_EQ(SystemExecGW::Init(false), StatusCode::FAILURE);
-  EXPECT_TRUE(log.Contains("Failed connecting to server!"));
   EXPECT_EQ(clock.SleepCalls(), 10u);
   FakeShell shell;
   EXPECT_EQ(SystemExec::SystemCustomTimeout("do something", &rc, 100), StatusCode::SUCCESS);
   EXPECT_EQ(shell.commands, std::vector<std::string>{"do something"});
   EXPECT_TRUE(
       log.Contains("Command 'do something' locally executed, system() rc 1280, exit status 5"));
-}
-
-TEST(SystemExecDeathTest, NullReturnCodePointerStopsTheProcess) {
-  EXPECT_DEATH(SystemExec::System("true", nullptr), "rc != \\(\\(void \\*\\)0\\)");
 }
 
 class SystemExecRemoteTest : public ::testing::Test {
@@ -109,8 +104,6 @@ TEST_F(SystemExecRemoteTest, EveryOperationIsServedByTheServerProcess) {
   EXPECT_EQ(ReadWholeFile(kLastRequest), std::string("exit 3", 7));
   EXPECT_EQ(WEXITSTATUS(rc), 3);
   EXPECT_TRUE(shell_.commands.empty());
-  EXPECT_TRUE(log_.Contains(
-      "Command 'exit 3' remotely executed, IPC ret SUCCESS, system() rc 768, exit status 3"));
   int32_t pid = 0;
   EXPECT_EQ(SystemExecGW::GetSystemExecPid(&pid), StatusCode::SUCCESS);
   EXPECT_EQ(pid, serverPid_);
@@ -126,10 +119,8 @@ TEST_F(SystemExecRemoteTest, EveryOperationIsServedByTheServerProcess) {
   EXPECT_EQ(SystemExecGW::SetComponentLogLevel(228, LoggerLevel::WARN), StatusCode::SUCCESS);
   const int32_t fields[] = {228, 3};
   expectRecord(std::string(reinterpret_cast<const char*>(fields), sizeof(fields)));
-  EXPECT_TRUE(log_.Contains("Log level for component 228 set to WARN (3), ret SUCCESS"));
   EXPECT_EQ(SystemExecGW::SetAccountId(std::string(100, 'a').c_str()), StatusCode::SUCCESS);
   expectRecord(std::string(79, 'a'));
-  EXPECT_TRUE(log_.Contains("Account ID was set to " + std::string(79, 'a') + ", ret SUCCESS"));
 }
 
 // A restarted system-exec process leaves the gateway broken, with no retries.
@@ -138,7 +129,6 @@ TEST_F(SystemExecRemoteTest, FailuresAreReturnedAsTheyAre) {
   EXPECT_EQ(SystemExec::SystemCustomTimeout("sleep 0.2", &rc, 20), StatusCode::TIMEOUT);
   KillServer(&serverPid_);
   EXPECT_EQ(SystemExecGW::SetAccountId("id"), StatusCode::FAILURE);
-  EXPECT_TRUE(log_.Contains("Failed sending a request to system exec. returned FAILURE (3)"));
   EXPECT_TRUE(shell_.commands.empty());
   EXPECT_FALSE(log_.Contains("trying to reconnect"));
 }
