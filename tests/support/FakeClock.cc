@@ -63,7 +63,6 @@ int ScaledClock::GetTime(clockid_t clockId, timespec* out) {
 
 void ScaledClock::SleepMsec(uint32_t msec) {
   sleptMsec_ += msec;
-  ++sleepCalls_;
   const int64_t realNsec = static_cast<int64_t>(msec) * 1000000LL / factor_;
   timespec left{static_cast<time_t>(realNsec / 1000000000LL),
                 static_cast<long>(realNsec % 1000000000LL)};

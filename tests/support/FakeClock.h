@@ -45,13 +45,11 @@ class ScaledClock final : public Clock {
   int GetTime(clockid_t clockId, timespec* out) override;
   void SleepMsec(uint32_t msec) override;
 
-  uint32_t SleepCalls() const { return sleepCalls_; }
   int64_t SleptMsec() const { return sleptMsec_; }
 
  private:
   uint32_t factor_;
   timespec realStart_{};
   std::atomic<int64_t> sleptMsec_{0};
-  std::atomic<uint32_t> sleepCalls_{0};
   Clock* previous_;
 };

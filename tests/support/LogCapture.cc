@@ -8,12 +8,12 @@ LogCapture::~LogCapture() { InstallLogSink(previous_); }
 
 bool LogCapture::ShouldLog(uint32_t, LoggerLevel) { return true; }
 
-void LogCapture::Print(uint32_t component, const char* function, LoggerLevel level, const char*,
-                       int, bool, const char* format, va_list args) {
+void LogCapture::Print(uint32_t, const char*, LoggerLevel level, const char*, int, bool,
+                       const char* format, va_list args) {
   char buffer[8192];
   std::vsnprintf(buffer, sizeof(buffer), format, args);
   std::lock_guard<std::mutex> lock(mutex_);
-  lines_.push_back({component, level, function, buffer});
+  lines_.push_back({level, buffer});
 }
 
 std::vector<LogCapture::Line> LogCapture::Lines() const {

@@ -14,9 +14,7 @@
 class LogCapture final : public LogSink {
  public:
   struct Line {
-    uint32_t component;
     LoggerLevel level;
-    std::string function;
     std::string message;
   };
 
