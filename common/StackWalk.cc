@@ -107,9 +107,55 @@ uintptr_t FaultAddress(const void* signalContext) {
       static_cast<const ucontext_t*>(signalContext)->uc_mcontext.gregs[REG_RIP]);
 }
 
+namespace {
+
+// How far above the stack pointer a frame may lie, and how far the search for
+// the first one goes.
+constexpr uintptr_t kStackSpan = 1u << 20;
+constexpr uintptr_t kFrameSearchBytes = 64u << 10;
+
+// Whether a frame pointer leads up the stack to a frame that leads further up
+// (or ends the chain), each with a return address beside it that is not a
+// stack address.
+bool LooksLikeFrame(uintptr_t frame, uintptr_t stackPointer, MemoryReader& memory) {
+  auto isOnStack = [stackPointer](uintptr_t address) {
+    return address >= stackPointer && address - stackPointer < kStackSpan;
+  };
+  for (int link = 0; link < 2; ++link) {
+    uintptr_t next = 0;
+    uintptr_t returnAddress = 0;
+    if (!isOnStack(frame) || !memory.Read(frame, &next, sizeof(next)) ||
+        !memory.Read(frame + sizeof(uintptr_t), &returnAddress, sizeof(returnAddress)) ||
+        returnAddress == 0 || isOnStack(returnAddress)) {
+      return false;
+    }
+    if (next == 0) return true;
+    if (next <= frame) return false;
+    frame = next;
+  }
+  return true;
+}
+
+// Code built without frame pointers (the C library, a sanitizer's wrappers)
+// may hold anything in rbp when the signal lands: the chain then starts at the
+// first saved frame pointer found above the stack pointer.
+uintptr_t FirstFramePointer(uintptr_t framePointer, uintptr_t stackPointer, MemoryReader& memory) {
+  if (LooksLikeFrame(framePointer, stackPointer, memory)) return framePointer;
+  for (uintptr_t at = stackPointer; at < stackPointer + kFrameSearchBytes;
+       at += sizeof(uintptr_t)) {
+    if (LooksLikeFrame(at, stackPointer, memory)) return at;
+  }
+  return framePointer;
+}
+
+}  // namespace
+
 size_t FromSignalContext(const void* signalContext, MemoryReader& memory, StackFrame* frames) {
   const mcontext_t& machine = static_cast<const ucontext_t*>(signalContext)->uc_mcontext;
-  return FramePointers(static_cast<uintptr_t>(machine.gregs[REG_RBP]), memory, frames);
+  const uintptr_t stackPointer = static_cast<uintptr_t>(machine.gregs[REG_RSP]);
+  return FramePointers(
+      FirstFramePointer(static_cast<uintptr_t>(machine.gregs[REG_RBP]), stackPointer, memory),
+      memory, frames);
 }
 
 #else
