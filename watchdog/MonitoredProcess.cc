@@ -12,6 +12,7 @@
 #include "common/FileUtils.h"
 #include "common/Log.h"
 #include "common/ProcRoot.h"
+#include "common/ProcessUtils.h"
 #include "common/StringUtils.h"
 #include "common/TimeUtils.h"
 #include "watchdog/Config.h"
@@ -175,7 +176,7 @@ void MonitoredProcess::CheckStatus() {
 
 StatusCode MonitoredProcess::UpdatePid(int32_t pid) {
   // Stop would send its SIGTERM and SIGKILLs to whatever pid was adopted.
-  if (pid < 2 || pid == getpid()) {
+  if (pid < 2 || pid == GetCachedPid()) {
     QWD_LOG_ERROR(kComponent, "Refusing PID %d from process '%s'\n", pid, binaryName_.data());
     return StatusCode::INVALID_PARAM;
   }
