@@ -1,19 +1,14 @@
 // qwd_test_child: a monitored process for tests. It connects back to the
 // watchdog's channel and behaves as its mode says:
 //   qwd_test_child <mode> <socket> [arg]
-//   connect          connect, then wait
 //   heartbeat [N]    connect, one OK notification with pid N (default: its
 //                    own), wait
 //   foreign-socket S connect, one OK notification naming socket S, wait
 //   fail TEXT        connect, one failure notification with TEXT, wait
 //   garbage          connect, a notification of 200 bytes of noise, wait
-//   command N        connect, command N without data, wait
-//   args ...         connect, a failure notification whose text is
-//                    "<argc> <last argument> <$QWD_CHILD_MARK or ->", wait
-//   exit N           connect, then exit with status N
 //   ignore-term      ignore SIGTERM, connect, wait
 //   never-connect    wait
-//   die              exit with status 1 at once
+//   anything else    connect, then wait
 // Waiting ends with SIGTERM (exit status 0) or SIGKILL.
 //
 // Launched by the watchdog with $QWD_CHILD_PLAN_DIR set, it plays its role (the
@@ -181,14 +176,10 @@ int main(int argc, char** argv) {
   const char* socketName = argv[2];
   const char* arg = argc > 3 ? argv[3] : "";
 
-  if (mode == "die") return 1;
   signal(SIGTERM, mode == "ignore-term" ? SIG_IGN : ExitOnTerm);
   if (mode == "never-connect") WaitForSignal();
   std::unique_ptr<IpcChannel> channel = CreateIpcChannel(socketName, 0, 16, false);
   if (!channel || channel->Connect(false) != StatusCode::SUCCESS) return 3;
-  if (mode == "exit") return std::atoi(arg);
-
-  int32_t command = kStatusNotifyCommand;
   StatusNotification note{};
   note.pid = static_cast<int32_t>(getpid());
   SafeStrCopy(note.socketName, socketName);
@@ -200,19 +191,12 @@ int main(int argc, char** argv) {
     SafeStrCopy(note.socketName, arg);
   } else if (mode == "fail") {
     SafeStrCopy(note.message, arg);
-  } else if (mode == "args") {
-    const char* mark = std::getenv("QWD_CHILD_MARK");
-    std::snprintf(note.message.data(), note.message.size(), "%d %s %s", argc, argv[argc - 1],
-                  mark != nullptr ? mark : "-");
   } else if (mode == "garbage") {
     std::memset(&note, 0xA5, sizeof(note));
-  } else if (mode == "command") {
-    command = std::atoi(arg);
   } else {
     WaitForSignal();
   }
   uint32_t reply = 0;
-  const size_t size = command == kStatusNotifyCommand ? sizeof(note) : 0;
-  channel->SendCommand(command, size != 0 ? &note : nullptr, size, &reply, sizeof(reply), 10000);
+  channel->SendCommand(kStatusNotifyCommand, &note, sizeof(note), &reply, sizeof(reply), 10000);
   WaitForSignal();
 }
