@@ -56,12 +56,9 @@ class WatchdogRun : public ::testing::Test {
   // Config lines over the test installation's paths and short policies.
   std::string Config(const std::string& extra) const {
     std::ostringstream cfg;
-    for (const char* name : {"quillmorUserAgent", "quillmorSystemExec", "quillmorKernelAgent"}) {
-      const std::string key = std::string(name) == "quillmorUserAgent"    ? "agent"
-                              : std::string(name) == "quillmorSystemExec" ? "systemExec"
-                                                                          : "module";
-      cfg << key << "SymLinkPath=" << dir_.File(std::string("bin/") + name) << "\n";
-    }
+    cfg << "agentSymLinkPath=" << dir_.File("bin/quillmorUserAgent")
+        << "\nsystemExecSymLinkPath=" << dir_.File("bin/quillmorSystemExec")
+        << "\nmoduleSymLinkPath=" << dir_.File("bin/quillmorKernelAgent") << "\n";
     cfg << "controlScriptPath=" << dir_.File("bin/quillmor_control.sh")
         << "\nteardownScriptPath=" << dir_.File("bin/quillmor_teardown.sh")
         << "\nlibPath=" << dir_.File("lib") << "\ndownloadDir=" << dir_.File("dl")
