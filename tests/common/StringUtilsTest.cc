@@ -69,33 +69,7 @@ TEST(ParseTest, TokensIntegersAndBooleans) {
     EXPECT_EQ(ok, ParseIntStr(&value, text)) << text;
     EXPECT_EQ(expected, value) << text;
   }
-  uint8_t out = 7;
-  EXPECT_TRUE(StrToBoolStrict("False", &out) && out == 0);
-  for (const char* bad : {"truex", "t"}) EXPECT_FALSE(StrToBoolStrict(bad, &out)) << bad;
   EXPECT_STREQ("False", BoolToStr(0x100)) << "only the low byte counts";
-}
-
-TEST(JsonEscapeTest, DoubledControlEscapesAndWholeEscapesOrNone) {
-  const std::tuple<const char*, size_t, bool, const char*> cases[] = {
-      {"a\tb", 64, true, "a\\\\tb"},      {"\x01", 64, true, "\\\\u0001"},
-      {"q\"s\\", 64, true, "q\\\"s\\\\"}, {"\xc3\xa9", 64, true, "\xc3\xa9"},
-      {"ab\ncd", 5, false, "ab"},         {"ab\"", 4, false, "ab"}};
-  for (const auto& [src, size, ok, out] : cases) {
-    char dst[64];
-    EXPECT_EQ(ok, EscapeJsonString(src, dst, size)) << src;
-    EXPECT_STREQ(out, dst);
-  }
-}
-
-TEST(PrintableTest, BoundedSearchCopyAndReplace) {
-  EXPECT_STREQ("/c/d", SafeStrrchr("a/b/c/d", '/', 5));
-  char dst[8];
-  const char src[] = {'a', '\0', '\n', 'b', '\x7f', 'c'};
-  EXPECT_STREQ("a..b.c", MakePrintableCopy(dst, sizeof(dst), src, sizeof(src)));
-  EXPECT_STREQ("a..", MakePrintableCopy(dst, 4, src, sizeof(src)));
-  char text[] = "a-b-c\0-d";
-  ReplaceCharInString(text, 100, '-', '_');
-  EXPECT_EQ(std::string("a_b_c\0-d", 8), std::string(text, 8)) << "nothing past the terminator";
   EXPECT_STREQ("UNKNOWN", StatusCodeToStr(StatusCode::NUM_OF));
 }
 

@@ -7,7 +7,6 @@
 #include <string>
 
 #include "agent/src/infra/logger/LoggerUtils.h"
-#include "common/LoggerLevelNames.h"
 #include "tests/agent/infra/logger/LogLines.h"
 #include "tests/support/TempDir.h"
 
@@ -103,18 +102,11 @@ TEST_F(LoggerFileTargetTest, FailedReopenMakesWritesFailUntilANewGenerationOpens
   EXPECT_EQ(ReadWholeFile(logs + "/wd_77_1.0"), kHeader + Line('d'));
 }
 
-TEST(LoggerUtilsTest, NamesTheFileOrRefusesAndStripsTheMarkerOnlyAtTheEnd) {
+TEST(LoggerUtilsTest, NamesTheFileOrRefusesANameLongerThanItsBuffer) {
   char name[64];
   ASSERT_TRUE(LoggerUtils::GenerateLogFileName(name, 15, "/tmp", "wd", 77, 1, 0));
   EXPECT_STREQ(name, "/tmp/wd_77_1.0");
   EXPECT_FALSE(LoggerUtils::GenerateLogFileName(name, 14, "/tmp", "wd", 77, 1, 0));
-  std::string content = "line,\n" + kMarker;
-  EXPECT_EQ(LoggerUtils::StripLogFileEndMarker(content.data(), content.size()), 58u);
-  EXPECT_STREQ(content.c_str(), "line,\n");
-  content = kMarker + "more";
-  EXPECT_EQ(LoggerUtils::StripLogFileEndMarker(content.data(), content.size()), 0u);
-  EXPECT_EQ(LoggerLevelFromStr("WARN"), LoggerLevel::WARN);
-  EXPECT_EQ(LoggerLevelFromStr("info"), LoggerLevel::INVALID);
 }
 
 }  // namespace
