@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 #include <map>
+#include <regex>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -82,12 +83,8 @@ TEST(MipsStackWalkTest, CorruptStackEndsAfterTheFrameLimit) {
 }
 
 // Each run of hexadecimal digits after prefix as "#": addresses and source lines vary.
-std::string Mask(std::string text, const std::string& prefix) {
-  for (size_t at = text.find(prefix); at != std::string::npos; at = text.find(prefix, at)) {
-    at += prefix.size();
-    text.replace(at, text.find_first_not_of("0123456789abcdef", at) - at, 1, '#');
-  }
-  return text;
+std::string Mask(const std::string& text, const std::string& prefix) {
+  return std::regex_replace(text, std::regex(prefix + "[0-9a-f]+"), prefix + "#");
 }
 
 // Monotonic 1000 s, wall clock 1000000000 s (2001-09-09 01:46:40 UTC), sleeps pass at once.
