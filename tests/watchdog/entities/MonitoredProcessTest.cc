@@ -11,6 +11,7 @@
 
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -55,11 +56,12 @@ class MonitoredProcessTest : public ::testing::Test {
   void SetUp() override { Config::SetStrValue(CFG_PID_FILE_PATH, (pidDir_.path() + "/").c_str()); }
   void TearDown() override { Config::ResetToDefaults(); }
 
-  // qwd_test_child run as "<mode> <user agent socket> [<arg>]", with the
+  // qwd_test_child playing this plan line (see TestChild.cc), with the
   // watchdog's own 20-second connect limit.
-  std::unique_ptr<MonitoredProcess> Child(const char* mode, const std::string& arg = "") {
-    args_ = {mode, kUserAgentSocketName, arg.empty() ? nullptr : arg.c_str(), nullptr};
-    return CreateMonitoredProcess(kDir.c_str(), kChild, args_.data(), "/lib", 20000, false, true,
+  std::unique_ptr<MonitoredProcess> Child(const std::string& plan) {
+    setenv("QWD_CHILD_PLAN_DIR", plans_.path().c_str(), 1);
+    plans_.Write(std::string(kChild) + ".plan", plan);
+    return CreateMonitoredProcess(kDir.c_str(), kChild, nullptr, "/lib", 20000, false, true,
                                   kUserAgentSocketName, sizeof(StatusNotification), 4, nullptr, 0,
                                   20000);
   }
@@ -71,8 +73,7 @@ class MonitoredProcessTest : public ::testing::Test {
 
   LogCapture log_;
   TempDir pidDir_;
-  // The child's arguments; they outlive the entity.
-  std::vector<const char*> args_;
+  TempDir plans_;
 };
 
 TEST_F(MonitoredProcessTest, NotificationsAreCheckedBeforeTheyAct) {
@@ -80,29 +81,27 @@ TEST_F(MonitoredProcessTest, NotificationsAreCheckedBeforeTheyAct) {
   // The socket file a crashed watchdog leaves behind must not stop the start.
   std::fclose(std::fopen(kUserAgentSocketName, "w"));
   const std::string self = std::to_string(getpid());
-  // Mode, its argument, the line it causes, the status it leaves, the pid
-  // adopted (0: the child's own).
+  // Plan, the line it causes, the status it leaves, the pid adopted (0: the
+  // child's own).
   const struct {
-    const char* mode;
-    std::string arg;
+    std::string plan;
     std::string line;
     Status status = Status::RUNNING;
     int32_t adopted = 0;
   } kCases[] = {
-      {"fail", "disk full", "failure status notification with msg 'disk full'\n", Status::FAILED},
-      {"foreign-socket", "/var/x.socket", "wrong socket name from the caller ('/var/x.socket')\n"},
+      {"fail", "failure status notification with msg 'planned failure'\n", Status::FAILED},
+      {"sock /var/x.socket hb", "wrong socket name from the caller ('/var/x.socket')\n"},
       // The unterminated name is cut at its 64-byte field.
-      {"garbage", "", "wrong socket name from the caller ('" + std::string(63, '\xA5') + "')\n"},
+      {"noise", "wrong socket name from the caller ('" + std::string(63, '\xA5') + "')\n"},
       // Pids a stop must never signal; they used to be adopted.
-      {"heartbeat", "1", "Refusing PID 1 from process 'qwd_test_child'\n"},
-      {"heartbeat", self, "Refusing PID " + self + " from process"},
-      {"heartbeat", "4242", "Changing PID for process 'qwd_test_child' from ", Status::RUNNING,
-       4242},
+      {"pid 1", "Refusing PID 1 from process 'qwd_test_child'\n"},
+      {"pid " + self, "Refusing PID " + self + " from process"},
+      {"pid 4242", "Changing PID for process 'qwd_test_child' from ", Status::RUNNING, 4242},
   };
-  for (const auto& [mode, arg, line, status, adopted] : kCases) {
+  for (const auto& [plan, line, status, adopted] : kCases) {
     SCOPED_TRACE(line);
     log_.Clear();
-    auto process = Child(mode, arg);
+    auto process = Child(plan);
     ASSERT_EQ(process->Start(), StatusCode::SUCCESS);
     const int32_t child = process->GetPid();
     const std::string pidFile = pidDir_.File(std::string(kChild) + ".pid");
@@ -199,7 +198,7 @@ TEST_F(MonitoredProcessTest, StopEscalatesToASigkillEveryFiftyRoundsUpToSixHundr
 // The connect limit runs on a fake clock; a failed start keeps the pid, so
 // that the stop reaps what was launched.
 TEST_F(MonitoredProcessTest, ChildThatNeverConnectsFailsTheStartAtTheLimitAndIsReaped) {
-  auto process = Child("never-connect");
+  auto process = Child("never");
   {
     FakeClock clock;
     const int64_t start = clock.NowMsec();
