@@ -5,6 +5,7 @@
 // on destruction.
 
 #include <cstdarg>
+#include <cstdio>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -18,30 +19,48 @@ class LogCapture final : public LogSink {
     std::string message;
   };
 
-  LogCapture();
-  ~LogCapture();
+  LogCapture() : previous_(InstallLogSink(this)) {}
+  ~LogCapture() { InstallLogSink(previous_); }
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
 
-  bool ShouldLog(uint32_t component, LoggerLevel level) override;
-  void Print(uint32_t component, const char* function, LoggerLevel level, const char* sourceFile,
-             int line, bool checkLevel, const char* format, va_list args) override
-      __attribute__((format(printf, 8, 0)));
+  bool ShouldLog(uint32_t, LoggerLevel) override { return true; }
+  void Print(uint32_t, const char*, LoggerLevel level, const char*, int, bool, const char* format,
+             va_list args) override __attribute__((format(printf, 8, 0))) {
+    char buffer[8192];
+    std::vsnprintf(buffer, sizeof(buffer), format, args);
+    std::lock_guard<std::mutex> lock(mutex_);
+    lines_.push_back({level, buffer});
+  }
 
-  std::vector<Line> Lines() const;
-  // Number of lines whose message contains text.
-  size_t Count(const std::string& text) const;
+  std::vector<Line> Lines() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return lines_;
+  }
+  // Number of lines whose message contains text, at exactly this level when
+  // one is given.
+  size_t Count(const std::string& text) const { return Count(LoggerLevel::INVALID, text); }
+  size_t Count(LoggerLevel level, const std::string& text) const {
+    size_t n = 0;
+    for (const Line& line : Lines()) {
+      n += (level == LoggerLevel::INVALID || line.level == level) &&
+           line.message.find(text) != std::string::npos;
+    }
+    return n;
+  }
   bool Contains(const std::string& text) const { return Count(text) > 0; }
-  // Number of lines at exactly this level whose message contains text.
-  size_t Count(LoggerLevel level, const std::string& text) const;
   // The whole log, one message after the other, for failure messages.
-  std::string Dump() const;
-  void Clear();
+  std::string Dump() const {
+    std::string all;
+    for (const Line& line : Lines()) all += line.message;
+    return all;
+  }
+  void Clear() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    lines_.clear();
+  }
 
  private:
-  // Lines containing text, at *level when level is set.
-  size_t CountWhere(const LoggerLevel* level, const std::string& text) const;
-
   mutable std::mutex mutex_;
   std::vector<Line> lines_;
   LogSink* previous_;
