@@ -118,6 +118,8 @@ milestones=(
   "Launched process 'quillmorSystemExec'"
   "Launched process 'quillmorUserAgent'"
   "Changed log level for component 228 to VERBOSE(1)"
+  "Increased log generation, previous log generation 0"
+  "System memory limit is set: Memory [65536] bytes, trigger safe mode[False]"
   "Going to sleep for 500 msecs before stopping entities"
   "Entity 'quillmorUserAgent' status is"
   "Current or previous policy violation resulted in sleeping 2 seconds"
@@ -140,6 +142,10 @@ for milestone in "${milestones[@]}"; do
     line=$((line + found))
   fi
 done
+if ! grep -qF '{"account_id": "demo-account"}' "$demo"/log/*WatchdogLogger*; then
+  echo "demo: MISSING: the account id demo-account in the log files' headers"
+  missing=$((missing + 1))
+fi
 status=$(cat "$demo/exit-status" 2>/dev/null || echo none)
 echo
 echo "== files: installation $demo/run -> $vdir, configuration $demo/watchdog.cfg,"

@@ -1,6 +1,6 @@
 // The demo user agent. Launched by the watchdog it follows a schedule kept
 // in a run counter beside its binary, so that each restart plays the next
-// scene: run 1 asks for a new log generation, a log-level change, an
+// scene: run 1 asks for a log-level change, a new log generation, an
 // account id and a memory limit, then a restart after 500 ms; runs 2 to 4
 // crash after 2 s; later runs only heartbeat. In safe mode it heartbeats for
 // 4 s, then asks for normal mode. "--demo ACTION" plays one scene instead:
@@ -46,11 +46,11 @@ int NextRun() {
 }
 
 void Commands(WatchdogClient& wd) {
+  DemoReport("watchdog log level VERBOSE",
+             wd.SetComponentLogLevel(LOGGER_COMPONENT_WATCHDOG, kVerbose));
   uint32_t generation = 0;
   DemoReport("new log generation", wd.IncreaseLogGeneration(&generation));
   DemoSay("the previous log generation was %u", generation);
-  DemoReport("watchdog log level VERBOSE",
-             wd.SetComponentLogLevel(LOGGER_COMPONENT_WATCHDOG, kVerbose));
   DemoReport("account id demo-account", wd.SetAccountId("demo-account"));
   // Far below any free memory: the check runs, nothing trips.
   DemoReport("memory limit 64 KB", wd.SetMemoryLimit(64 * 1024, false));
