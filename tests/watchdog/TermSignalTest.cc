@@ -57,4 +57,14 @@ TEST(TermSignalTest, HandlerLineIsKeptWhenTheSignalInterruptsTheLogger) {
   terminationRequested = 0;
 }
 
+// A second SIGTERM kills at once: a stop that wedges can still be ended.
+TEST(TermSignalTest, HandlerSetsTheFlagOnce) {
+  ASSERT_EQ(SetTermSignal(), 0);
+  raise(SIGTERM);
+  EXPECT_EQ(terminationRequested, 1);
+  EXPECT_EXIT(raise(SIGTERM), ::testing::KilledBySignal(SIGTERM), "");
+  terminationRequested = 0;
+  std::signal(SIGTERM, SIG_DFL);
+}
+
 }  // namespace
