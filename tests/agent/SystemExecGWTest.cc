@@ -56,15 +56,6 @@ TEST(SystemExecLocalTest, WithoutAConnectedServerCommandsRunHere) {
   int32_t rc = 0;
   EXPECT_EQ(SystemExec::System("exit 3", &rc), StatusCode::SUCCESS);
   EXPECT_EQ(WEXITSTATUS(rc), 3);
-  int32_t pid = -1;
-  EXPECT_EQ(SystemExecGW::GetSystemExecPid(&pid), StatusCode::SUCCESS);
-  EXPECT_EQ(pid, 0);
-  uint32_t generation = 77;
-  EXPECT_EQ(SystemExecGW::IncreaseLogGeneration(&generation), StatusCode::SUCCESS);
-  EXPECT_EQ(generation, 77u);
-  EXPECT_EQ(SystemExecGW::SetComponentLogLevel(228, LoggerLevel::WARN), StatusCode::SUCCESS);
-  EXPECT_EQ(SystemExecGW::SetAccountId("account"), StatusCode::SUCCESS);
-
   FakeClock clock;
   unlink(SystemExecGW::kSocketPath);
   EXPECT_EQ(SystemExecGW::Init(false), StatusCode::FAILURE);

@@ -4,8 +4,6 @@
 
 #include <tuple>
 
-#include "common/Clock.h"
-#include "tests/support/FakeClock.h"
 
 namespace {
 
@@ -21,12 +19,6 @@ TEST(IntervalTest, BoundariesABackwardsClockNoWrapAndTruncatedDifferences) {
   EXPECT_EQ(1200, DiffTimeMillisec({5, 100000000}, {3, 900000000}));
   EXPECT_EQ(1999, DiffTimeMillisec({5, 0}, {3, 500000}));
   EXPECT_EQ(2000, DiffTimeMillisec({5, 999999}, {3, 0}));
-}
-
-TEST(ClockTest, SleepAndMonotonicSecondsFollowTheInstalledClock) {
-  FakeClock clock(123456);
-  SleepSec(3600);
-  EXPECT_EQ(3723, GetCurrentTimeInSec());
 }
 
 }  // namespace

@@ -20,7 +20,9 @@ TEST_F(WatchdogRoadsTest, StartPreparesTheInstallationAndSigtermEndsCleanly) {
       "hb pid parent cmd 8 cmd 1 cmd 2 228 0 text 6 acct42 cmd 3 7 text 5 ../x text 5 "
       "cmd 7 4294967295 0\nbeat");
   ASSERT_TRUE(WaitFor("plan/quillmorUserAgent.replies", "7 0"));
-  EXPECT_EQ(fs::read_symlink(dir_.File("bin/quillmorUserAgent")), version_ + "/quillmorUserAgent");
+  for (const char* link : {"quillmorUserAgent", "quillmorSystemExec"}) {
+    EXPECT_EQ(fs::read_symlink(dir_.File("bin/") + link), version_ + "/" + link);
+  }
   EXPECT_EQ(fs::read_symlink(dir_.File("lib/libdemo.so.1")), version_ + "/libdemo.so.1");
   struct stat info {};
   stat((version_ + "/quillmor_teardown.sh").c_str(), &info);

@@ -38,6 +38,7 @@ class WatchdogRun : public ::testing::Test {
     fs::create_directories(version_);
     dir_.Write("dl/9.9", "");
     dir_.Write("bin/quillmorUserAgent", "a regular file in the link's way");
+    fs::create_symlink(dir_.File("nowhere"), dir_.File("bin/quillmorSystemExec"));  // dangling
     for (const char* name : {"quillmorUserAgent", "quillmorSystemExec"}) {
       fs::copy_file(QWD_TEST_CHILD, version_ + "/" + name);
     }

@@ -1,6 +1,6 @@
 // What the watchdog's own roads (tests/watchdog/e2e) cannot reach in time or
-// at all: the 20-second heartbeat and connect limits and the SIGKILL
-// escalation on scaled clocks, notifications from a child that lies, and
+// at all: the 20-second heartbeat limit and the SIGKILL escalation on
+// scaled clocks, notifications from a child that lies, and
 // pids a stop must never signal.
 
 #include "watchdog/MonitoredProcess.h"
@@ -193,27 +193,6 @@ TEST_F(MonitoredProcessTest, StopEscalatesToASigkillEveryFiftyRoundsUpToSixHundr
   EXPECT_EQ(KillRounds(log_),
             (std::vector<size_t>{50, 100, 150, 200, 250, 300, 350, 400, 450, 500, 550, 600}));
   EXPECT_EQ(waitpid(zombie, nullptr, WNOHANG), zombie);
-}
-
-// The connect limit runs on a fake clock; a failed start keeps the pid, so
-// that the stop reaps what was launched.
-TEST_F(MonitoredProcessTest, ChildThatNeverConnectsFailsTheStartAtTheLimitAndIsReaped) {
-  auto process = Child("never");
-  {
-    FakeClock clock;
-    const int64_t start = clock.NowMsec();
-    EXPECT_EQ(process->Start(), StatusCode::FAILURE);
-    EXPECT_EQ(clock.NowMsec() - start, 20000);
-  }
-  EXPECT_TRUE(log_.Contains("Failed waiting for the process qwd_test_child to connect"));
-  const pid_t pid = process->GetPid();
-  ScaledClock clock(1000);
-  EXPECT_EQ(process->Stop(), StatusCode::SUCCESS);
-  EXPECT_EQ(waitpid(pid, nullptr, WNOHANG), -1);
-  auto missing = CreateMonitoredProcess("/nonexistent", "agent", nullptr, "", 20000, false, true,
-                                        kUserAgentSocketName, 200, 4, nullptr, 0, 1000);
-  EXPECT_EQ(missing->Start(), StatusCode::FAILURE);
-  EXPECT_EQ(missing->GetPid(), -1);
 }
 
 }  // namespace
