@@ -115,8 +115,8 @@ int main(int argc, char** argv) {
     note.pid = pid;
     send(kStatusNotifyCommand, &note, sizeof(note));
   };
-  static const std::set<std::string> kSteps = {"hb",   "beat", "fail", "pid",  "sock",       "noise",
-                                               "cmd",  "text", "exit", "wait", "ignore-term"};
+  static const std::set<std::string> kSteps = {"hb",  "beat", "fail", "pid",  "sock",       "noise",
+                                               "cmd", "text", "exit", "wait", "ignore-term"};
   for (size_t i = 0; i < steps.size(); ++i) {
     const std::string& step = steps[i];
     if (step == "hb" || step == "fail") {
@@ -137,7 +137,8 @@ int main(int argc, char** argv) {
     } else if (step == "cmd" || step == "text") {
       const int32_t id = std::atoi(steps[++i].c_str());
       std::vector<uint32_t> words;
-      while (step == "cmd" && i + 1 < steps.size() && std::isdigit(static_cast<unsigned char>(steps[i + 1][0]))) {
+      while (step == "cmd" && i + 1 < steps.size() &&
+             std::isdigit(static_cast<unsigned char>(steps[i + 1][0]))) {
         words.push_back(static_cast<uint32_t>(std::strtoul(steps[++i].c_str(), nullptr, 10)));
       }
       const bool hasText = i + 1 < steps.size() && kSteps.count(steps[i + 1]) == 0;
