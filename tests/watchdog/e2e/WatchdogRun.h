@@ -88,11 +88,13 @@ class WatchdogRun : public ::testing::Test {
     }
   }
 
-  // The watchdog's log so far, every file in rotation order.
+  // The watchdog's log so far: every file named as the agent's log files are,
+  // in rotation order.
   std::string Log() const {
     std::vector<std::string> files;
     for (const auto& entry : fs::directory_iterator(dir_.File("log"))) {
-      if (entry.path().filename().string().find("WatchdogLogger") != std::string::npos) {
+      if (entry.path().filename().string().rfind("Quillmor_" + kVersion + "_WatchdogLogger_", 0) ==
+          0) {
         files.push_back(entry.path());
       }
     }
