@@ -15,8 +15,8 @@
 #include <tuple>
 #include <vector>
 
-#include "common/Clock.h"
 #include "common/StackWalk.h"
+#include "tests/support/FakeClock.h"
 #include "tests/support/TempDir.h"
 
 namespace {
@@ -87,23 +87,13 @@ std::string Mask(const std::string& text, const std::string& prefix) {
   return std::regex_replace(text, std::regex(prefix + "[0-9a-f]+"), prefix + "#");
 }
 
-// Monotonic 1000 s, wall clock 1000000000 s (2001-09-09 01:46:40 UTC), sleeps pass at once.
-struct StoppedClock : Clock {
-  int GetTime(clockid_t id, timespec* out) override {
-    *out = {id == CLOCK_MONOTONIC ? 1000 : 1000000000, 0};
-    return 0;
-  }
-  void SleepMsec(uint32_t) override {}
-};
-
 TEST(CrashHandlerTest, FaultWritesTheTraceToStdoutAndDumpThenAborts) {
   TempDir dir;
   const pid_t child = fork();
   if (child == 0) {
     prctl(PR_SET_DUMPABLE, 0);  // no core file, not even through a core_pattern pipe
     dup2(open(dir.File("stdout").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600), STDOUT_FILENO);
-    StoppedClock clock;
-    InstallClock(&clock);
+    FakeClock clock(1000 * 1000, 1000000000);  // 2001-09-09 01:46:40 UTC
     if (SetCrashHandler(dir.path().c_str(), "wd", 0)) {
       errno = EDOM;
       int* volatile unmapped = reinterpret_cast<int*>(16);  // below any mapping

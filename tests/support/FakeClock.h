@@ -12,17 +12,22 @@
 #include "common/Clock.h"
 
 // Time stands still until a sleep or Advance() moves it: a 3600 s sleep
-// returns at once, 3600 s later on the monotonic clock. A poll sees only what
+// returns at once, 3600 s later on the monotonic clock. The wall clock is the
+// real one, or stands at wallSec when that is given. A poll sees only what
 // is already queued; when nothing is, its whole time-out passes at once (so
 // peers must have sent before the poll: live children need a ScaledClock).
 class FakeClock final : public Clock {
  public:
-  explicit FakeClock(int64_t startMonoMsec = 1000000)
-      : monoMsec_(startMonoMsec), previous_(InstallClock(this)) {}
+  explicit FakeClock(int64_t startMonoMsec = 1000000, time_t wallSec = 0)
+      : monoMsec_(startMonoMsec), wallSec_(wallSec), previous_(InstallClock(this)) {}
   ~FakeClock() override { InstallClock(previous_); }
 
   int GetTime(clockid_t clockId, timespec* out) override {
-    if (clockId != CLOCK_MONOTONIC) return clock_gettime(clockId, out);
+    if (clockId != CLOCK_MONOTONIC && wallSec_ == 0) return clock_gettime(clockId, out);
+    if (clockId != CLOCK_MONOTONIC) {
+      *out = timespec{wallSec_, 0};
+      return 0;
+    }
     const int64_t msec = monoMsec_;
     *out = timespec{static_cast<time_t>(msec / 1000), static_cast<long>(msec % 1000) * 1000000L};
     return 0;
@@ -47,6 +52,7 @@ class FakeClock final : public Clock {
 
  private:
   std::atomic<int64_t> monoMsec_;
+  const time_t wallSec_;
   std::atomic<int64_t> sleptMsec_{0};
   std::atomic<uint32_t> sleepCalls_{0};
   Clock* previous_;

@@ -9,24 +9,14 @@
 #include <vector>
 
 #include "agent/src/infra/logger/LoggerUtils.h"
-#include "common/Clock.h"
 #include "tests/agent/infra/logger/LogLines.h"
+#include "tests/support/FakeClock.h"
 #include "tests/support/TempDir.h"
 
 namespace {
 
 const std::string kMarker = LoggerUtils::kLogFileEndMarker;
 const std::string kDefaultHeader = Header("DefaultAccountID");
-
-// Wall clock at kWallClock and 1234 s since boot, whatever the real time.
-class FixedClock final : public Clock {
- public:
-  int GetTime(clockid_t clockId, timespec* out) override {
-    *out = timespec{clockId == CLOCK_MONOTONIC ? 1234 : kWallClock, 0};
-    return 0;
-  }
-  void SleepMsec(uint32_t) override {}
-};
 
 void Log(LoggerLevel level, const std::string& text,
          uint32_t component = LOGGER_COMPONENT_WATCHDOG) {
@@ -35,14 +25,8 @@ void Log(LoggerLevel level, const std::string& text,
 
 class LoggerTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    SetTimeZone("UTC");
-    previousClock_ = InstallClock(&clock_);
-  }
-  void TearDown() override {
-    Logger::DestroyLogger();
-    InstallClock(previousClock_);
-  }
+  void SetUp() override { SetTimeZone("UTC"); }
+  void TearDown() override { Logger::DestroyLogger(); }
 
   // A disabled console and an enabled file target.
   void InitLogger(uint32_t limit = 25000) {
@@ -55,8 +39,7 @@ class LoggerTest : public ::testing::Test {
     return ReadWholeFile(dir_.File("wd_77_" + std::to_string(generation) + ".0"));
   }
 
-  FixedClock clock_;
-  Clock* previousClock_ = nullptr;
+  FakeClock clock_{1234 * 1000, kWallClock};  // the time of every JsonLine
   TempDir dir_;
 };
 
