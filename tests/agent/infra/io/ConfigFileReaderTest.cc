@@ -42,7 +42,6 @@ TEST_F(ConfigFileReaderTest, OneLineGrammar) {
       {"k=\"" + v128 + "\"\n", true, "k", v128, ""},
       {"k=v", true, "k", "v", ""},
       {" \t\n", true, "", "", ""},
-      {"   ", true, "", "", ""},
       {std::string("k=v\0w=x\n", 8), true, "k", "v", ""},
       {"k=\"abc\n", false, "k", "", "Could not find closing quotation mark"},
       {"k=" + v128 + "v\n", false, "k", "", "Couldn't read value from line 'k=vvv"},

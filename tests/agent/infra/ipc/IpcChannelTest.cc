@@ -128,7 +128,8 @@ TEST_F(IpcChannelTest, EveryRequestGetsItsReplyStatusAndTheNextOneIsServed) {
 }
 
 // A header announcing data that never came used to block the watchdog's only
-// thread in the read of the data record; a hang-up mid-request is a failure.
+// thread in the read of the data record. A hang-up mid-request is the fault
+// matrix's.
 TEST_F(IpcChannelTest, HalfSentRequestIsAFailedReadAfterAShortWait) {
   AcceptRawClient();
   {
@@ -140,10 +141,6 @@ TEST_F(IpcChannelTest, HalfSentRequestIsAFailedReadAfterAShortWait) {
     EXPECT_EQ(RawRequest(Header(kIpcMagic, 4, kEcho)), kFailure);
     EXPECT_EQ(clock.NowMsec() - start, 300);
   }
-  ASSERT_TRUE(SendRecord(raw_, Header(kIpcMagic, 10, kEcho)));
-  close(raw_);
-  EXPECT_EQ(server_->ProcessRequest(true), StatusCode::FAILURE);
-  EXPECT_EQ(server_->ServerWaitAndProcess(100), StatusCode::FAILURE);
   EXPECT_EQ(g_handlerCalls, 0);
 }
 
