@@ -31,13 +31,13 @@ fi
 link="-static-libstdc++ -static-libgcc -Wl,--gc-sections"
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DQWD_BUILD_TESTS=OFF -DQWD_BUILD_BENCH=OFF \
   -DCMAKE_EXE_LINKER_FLAGS="$link" >/dev/null
-cmake --build "$build" --target quillmorWD qwd_wd_client >/dev/null
+cmake --build "$build" --target quillmorWD qwd_client >/dev/null
 sync  # a fresh build's pages are dirty in the page cache, and would count as the binary's own
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 child=$work/heartbeat_child
 "${CXX:-g++}" -std=c++20 -O2 -I"$repo" bench/heartbeat_child.cc -o "$child" \
-  "$build/agent/src/infra/ipc/client/libqwd_wd_client.a" "$build/agent/libqwd_agent_infra.a" \
+  "$build/client/libqwd_client.a" "$build/ipc/libqwd_ipc.a" \
   "$build/common/libqwd_common.a" -lpthread $link
 
 version=$(sed -n "s/.*kQuillmorVersion\(Major\|Minor\|Patch\) = \([0-9]*\);/\2/p" common/version.h | paste -sd.).$(sed -n "s/.*kQuillmorBuildNumber\[\] = \"\([0-9]*\)\";/\1/p" common/version.h)

@@ -14,7 +14,7 @@
 #include <ctime>
 #include <memory>
 
-#include "agent/src/infra/ipc/client/WatchdogClient.h"
+#include "client/WatchdogClient.h"
 
 namespace {
 

@@ -17,7 +17,7 @@
 
 #include <benchmark/benchmark.h>
 
-#include "agent/src/infra/ipc/IpcChannel.h"
+#include "ipc/IpcChannel.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include <filesystem>
 #include <string>
 
-#include "agent/src/infra/logger/Logger.h"
+#include "logger/Logger.h"
 
 namespace {
 

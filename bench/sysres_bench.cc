@@ -14,7 +14,7 @@
 #include <fstream>
 #include <string>
 
-#include "agent/src/infra/utils/SysResourcesMonitoring.h"
+#include "watchdog/resources/SysResourcesMonitoring.h"
 #include "common/ProcRoot.h"
 
 namespace {

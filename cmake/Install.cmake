@@ -1,6 +1,6 @@
 # What `cmake --install` puts where: the watchdog in sbin, the log viewer in
 # bin, the agent-side client library with its headers and an exported package
-# (find_package(QuillmorWDClient) gives quillmorwd::qwd_wd_client), and an
+# (find_package(QuillmorWDClient) gives quillmorwd::qwd_client), and an
 # example watchdog.cfg listing every key with its default.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
@@ -13,18 +13,21 @@ install(TARGETS qwd-log RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 
 # The client and the static libraries it needs at link time. Their include
 # directory is the source tree, which only holds while building here.
-set_target_properties(qwd_wd_client qwd_agent_infra qwd_common PROPERTIES
+set(QWD_SDK_TARGETS qwd_client qwd_ipc qwd_common)
+set_target_properties(${QWD_SDK_TARGETS} PROPERTIES
                       INTERFACE_INCLUDE_DIRECTORIES $<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}>)
-install(TARGETS qwd_wd_client qwd_agent_infra qwd_common
+install(TARGETS ${QWD_SDK_TARGETS}
         EXPORT QuillmorWDClientTargets
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
         INCLUDES DESTINATION ${QWD_INCLUDE_DIR})
 # Headers keep their tree paths, so a program includes them the same way in
-# and out of this tree.
-install(FILES ${CMAKE_SOURCE_DIR}/agent/src/infra/ipc/client/WatchdogClient.h
-        DESTINATION ${QWD_INCLUDE_DIR}/agent/src/infra/ipc/client)
-install(FILES ${CMAKE_SOURCE_DIR}/common/StatusCode.h ${CMAKE_SOURCE_DIR}/common/LogComponent.h
-        DESTINATION ${QWD_INCLUDE_DIR}/common)
+# and out of this tree. The SDK's public headers and what they include:
+set(QWD_SDK_HEADERS client/WatchdogClient.h client/SystemExecGW.h ipc/WatchdogProtocol.h
+    common/StatusCode.h common/LogComponent.h common/Log.h common/Seam.h)
+foreach(header ${QWD_SDK_HEADERS})
+  get_filename_component(dir ${header} DIRECTORY)
+  install(FILES ${CMAKE_SOURCE_DIR}/${header} DESTINATION ${QWD_INCLUDE_DIR}/${dir})
+endforeach()
 
 install(EXPORT QuillmorWDClientTargets NAMESPACE quillmorwd:: DESTINATION ${QWD_PACKAGE_DIR})
 configure_package_config_file(${CMAKE_SOURCE_DIR}/cmake/QuillmorWDClientConfig.cmake.in

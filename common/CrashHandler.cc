@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <ctime>
 
+#include "common/LogFormat.h"
 #include "common/Clock.h"
 #include "common/OwnMemoryReader.h"
 #include "common/SignalSafeFormat.h"
@@ -76,9 +77,7 @@ __attribute__((format(printf, 2, 3))) void EmitTraceLine(int sourceLine, const c
   if (g_crash.dumpFd < 0) return;
   length = SignalSafeFormat(
       g_crash.line, sizeof(g_crash.line),
-      "{\"level\": \"CRASH\", \"timestamp\": %ld, \"metadata\" : {\"router_timestamp\" : \"%s\", "
-      "\"c_file\": \"%s\", \"line\": %d }, \"message\": \"%s\"},\n",
-      g_crash.monotonicSec, g_crash.timeText, kSourceFile, sourceLine, g_crash.message);
+      QWD_LOG_JSON_LINE_FORMAT, "CRASH", g_crash.monotonicSec, g_crash.timeText, kSourceFile, sourceLine, g_crash.message);
   WriteAll(g_crash.dumpFd, g_crash.line, length);
 }
 
@@ -120,7 +119,7 @@ bool SetCrashHandler(const char* directory, const char* name, int32_t pid) {
   RecordTime();
   if (directory != nullptr) {
     char path[512];
-    SignalSafeFormat(path, sizeof(path), "%s/%s_%d.log", directory, name, pid);
+    SignalSafeFormat(path, sizeof(path), QWD_CRASH_DUMP_NAME_FORMAT, directory, name, pid);
     if (g_crash.dumpFd >= 0) close(g_crash.dumpFd);
     g_crash.dumpFd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
     if (g_crash.dumpFd < 0) {

@@ -8,7 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "agent/src/infra/io/FileWriter.h"
+#include "common/io/FileWriter.h"
 
 namespace {
 constexpr size_t kMaxWrittenText = 32;

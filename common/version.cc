@@ -5,14 +5,15 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/LogFormat.h"
 #include "common/Log.h"
 #include "common/StringUtils.h"
 
 namespace {
 
 constexpr uint32_t kComponent = LOGGER_COMPONENT_COMMON;
-constexpr char kPrefix[] = "Quillmor_";
-constexpr size_t kPrefixLen = sizeof(kPrefix) - 1;
+constexpr const char* kPrefix = LogFormat::kProductPrefix;
+constexpr size_t kPrefixLen = sizeof(LogFormat::kProductPrefix) - 1;
 constexpr char kEngineering[] = "engineering";
 constexpr size_t kEngineeringLen = sizeof(kEngineering) - 1;
 
@@ -84,7 +85,7 @@ char* GetQuillmorVersionStr(char* dst, size_t size, bool /*unused*/) {
 char* PrepareLogFilePrefix(char* dst, size_t size, const char* logName) {
   char version[32];
   GetQuillmorVersionStr(version, sizeof(version), true);
-  std::snprintf(dst, size, "%s%s_%s", kPrefix, version, logName);
+  std::snprintf(dst, size, QWD_LOG_PREFIX_FORMAT, kPrefix, version, logName);
   return dst;
 }
 

@@ -23,8 +23,8 @@
 #include <memory>
 #include <string>
 
-#include "agent/src/infra/ipc/IpcChannel.h"
-#include "agent/src/infra/ipc/UnixSocket.h"
+#include "ipc/IpcChannel.h"
+#include "ipc/UnixSocket.h"
 #include "common/Clock.h"
 
 namespace {

@@ -1,33 +1,24 @@
 // The commands the agent's processes send to the watchdog (ids 1 to 9 on
-// every process channel). They run inside the supervision loop's listener
-// wait and mostly change what the loop reads in the same cycle. Numbers are
-// 32-bit in host order; a request shorter than what a handler reads is the
-// sender's fault and reads as zeros.
+// every process channel, in the layouts of WatchdogProtocol.h). They run
+// inside the supervision loop's listener wait and mostly change what the loop
+// reads in the same cycle.
 
 #include <cstring>
 
-#include "agent/src/infra/logger/Logger.h"
+#include "logger/Logger.h"
 #include "common/Log.h"
 #include "common/LoggerLevelNames.h"
 #include "common/ProcessUtils.h"
 #include "common/StringUtils.h"
 #include "watchdog/Config.h"
 #include "watchdog/Installation.h"
-#include "watchdog/MonitoredModule.h"
+#include "watchdog/entities/MonitoredModule.h"
 #include "watchdog/Watchdog.h"
 
 namespace {
 
 constexpr uint32_t kComponent = LOGGER_COMPONENT_WATCHDOG;
-constexpr size_t kTextSize = 256;
-
-uint32_t ReadU32(const void* data, size_t dataLen, size_t offset) {
-  uint32_t value = 0;
-  if (data != nullptr && dataLen >= offset + sizeof(value)) {
-    std::memcpy(&value, static_cast<const uint8_t*>(data) + offset, sizeof(value));
-  }
-  return value;
-}
+constexpr size_t kTextSize = kMaxTextRequestSize;
 
 // The request's text, terminated whatever the sender wrote.
 void ReadText(const void* data, size_t dataLen, char (&text)[kTextSize]) {
@@ -36,10 +27,11 @@ void ReadText(const void* data, size_t dataLen, char (&text)[kTextSize]) {
 }
 
 StatusCode Reply(uint32_t value, void* reply, size_t replySize, size_t* replyLen) {
+  const U32Reply record{value};
   *replyLen = 0;
-  if (reply == nullptr || replySize < sizeof(value)) return StatusCode::SUCCESS;
-  std::memcpy(reply, &value, sizeof(value));
-  *replyLen = sizeof(value);
+  if (reply == nullptr || replySize < sizeof(record)) return StatusCode::SUCCESS;
+  std::memcpy(reply, &record, sizeof(record));
+  *replyLen = sizeof(record);
   return StatusCode::SUCCESS;
 }
 
@@ -50,13 +42,27 @@ bool IsSafeVersionText(const char* text) {
 
 }  // namespace
 
-const IpcHandler Watchdog::kCommandHandlers[kNumCommandHandlers] = {
-    HandleIncreaseLogGeneration,  HandleSetComponentLogLevel,
-    HandleOperationalModeRequest, HandleRestartAll,
-    HandleNewestVersion,          HandleSetAccountId,
-    HandleSetMemoryLimit,         HandleGetPid,
-    HandleLoadKernelModule,
-};
+// Entry k serves command k + 1: command 0 belongs to each process entity.
+constexpr std::array<IpcHandler, Watchdog::kNumCommandHandlers> Watchdog::MakeCommandHandlers() {
+  std::array<IpcHandler, kNumCommandHandlers> table{};
+  const auto slot = [](WatchdogCommand command) { return CommandId(command) - 1; };
+  table[slot(WatchdogCommand::INCREASE_LOG_GENERATION)] = HandleIncreaseLogGeneration;
+  table[slot(WatchdogCommand::SET_COMPONENT_LOG_LEVEL)] = HandleSetComponentLogLevel;
+  table[slot(WatchdogCommand::OPERATIONAL_MODE)] = HandleOperationalModeRequest;
+  table[slot(WatchdogCommand::RESTART_ALL)] = HandleRestartAll;
+  table[slot(WatchdogCommand::NEWEST_VERSION)] = HandleNewestVersion;
+  table[slot(WatchdogCommand::SET_ACCOUNT_ID)] = HandleSetAccountId;
+  table[slot(WatchdogCommand::SET_MEMORY_LIMIT)] = HandleSetMemoryLimit;
+  table[slot(WatchdogCommand::GET_PID)] = HandleGetPid;
+  table[slot(WatchdogCommand::LOAD_KERNEL_MODULE)] = HandleLoadKernelModule;
+  return table;
+}
+
+const std::array<IpcHandler, Watchdog::kNumCommandHandlers> Watchdog::kCommandHandlers =
+    MakeCommandHandlers();
+static_assert(Watchdog::kNumCommandHandlers + 1 == kNumWatchdogCommands,
+              "every command but the status notification has its handler");
+static_assert(kNumWatchdogCommands <= kIpcMaxCommands, "every command id fits a channel");
 
 StatusCode Watchdog::HandleIncreaseLogGeneration(const void*, size_t, void* reply, size_t replySize,
                                                  size_t* replyLen, void*) {
@@ -69,8 +75,9 @@ StatusCode Watchdog::HandleIncreaseLogGeneration(const void*, size_t, void* repl
 StatusCode Watchdog::HandleSetComponentLogLevel(const void* data, size_t dataLen, void*, size_t,
                                                 size_t* replyLen, void*) {
   *replyLen = 0;
-  const uint32_t component = ReadU32(data, dataLen, 0);
-  const uint32_t level = ReadU32(data, dataLen, sizeof(uint32_t));
+  const auto request = DecodeRecord<ComponentLogLevelRequest>(data, dataLen);
+  const uint32_t component = request.component;
+  const uint32_t level = request.level;
   Logger::UpdateSingleCompLogLevel(component, level);
   QWD_LOG_VERBOSE(kComponent, "Changed log level for component %d to %s(%d)\n",
                   static_cast<int>(component), LoggerLevelToStr(level), static_cast<int>(level));
@@ -80,7 +87,7 @@ StatusCode Watchdog::HandleSetComponentLogLevel(const void* data, size_t dataLen
 StatusCode Watchdog::HandleOperationalModeRequest(const void* data, size_t dataLen, void*, size_t,
                                                   size_t* replyLen, void* context) {
   *replyLen = 0;
-  const uint32_t mode = ReadU32(data, dataLen, 0);
+  const uint32_t mode = DecodeRecord<OperationalModeRequest>(data, dataLen).mode;
   if (mode >= OPERATIONAL_MODE_NUM_OF) {
     QWD_LOG_ERROR(kComponent, "Got a request for operational mode %d?\n", static_cast<int>(mode));
     return StatusCode::INVALID_PARAM;
@@ -93,7 +100,7 @@ StatusCode Watchdog::HandleRestartAll(const void* data, size_t dataLen, void*, s
                                       size_t* replyLen, void* context) {
   *replyLen = 0;
   auto* watchdog = static_cast<Watchdog*>(context);
-  watchdog->stopDelayMs_ = ReadU32(data, dataLen, 0);
+  watchdog->stopDelayMs_ = DecodeRecord<RestartAllRequest>(data, dataLen).delayMsec;
   watchdog->RestartAllEntities();
   return StatusCode::SUCCESS;
 }
@@ -129,9 +136,9 @@ StatusCode Watchdog::HandleSetMemoryLimit(const void* data, size_t dataLen, void
                                           size_t* replyLen, void* context) {
   *replyLen = 0;
   auto* watchdog = static_cast<Watchdog*>(context);
-  watchdog->memoryLimitBytes_ = ReadU32(data, dataLen, 0);
-  watchdog->memoryLimitTriggersSafeMode_ =
-      dataLen > sizeof(uint32_t) && static_cast<const uint8_t*>(data)[sizeof(uint32_t)] != 0;
+  const auto request = DecodeRecord<MemoryLimitRequest>(data, dataLen);
+  watchdog->memoryLimitBytes_ = request.limitBytes;
+  watchdog->memoryLimitTriggersSafeMode_ = request.triggersSafeMode != 0;
   QWD_LOG_INFO(kComponent,
                "System memory limit is set: Memory [%zu] bytes, trigger safe mode[%s]\n",
                static_cast<size_t>(watchdog->memoryLimitBytes_),

@@ -3,7 +3,7 @@
 #include <array>
 #include <cstring>
 
-#include "agent/src/infra/io/ConfigFileReader.h"
+#include "common/io/ConfigFileReader.h"
 #include "common/Log.h"
 #include "common/StringUtils.h"
 

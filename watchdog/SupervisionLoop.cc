@@ -11,7 +11,7 @@
 #include "common/Log.h"
 #include "common/ProcessUtils.h"
 #include "watchdog/Config.h"
-#include "watchdog/MonitoredModule.h"
+#include "watchdog/entities/MonitoredModule.h"
 #include "watchdog/Watchdog.h"
 
 namespace {
@@ -36,7 +36,7 @@ int Watchdog::Run() {
     channelDescriptors_.fill(-1);
     if (terminationRequested != 0) {
       listener_.reset();
-      WatchdogThresholdsManager::Teardown();
+      policy_.Teardown();
       Config::Teardown();
       RemovePidFile(programName, GetCachedPid());
       return 0;
@@ -45,10 +45,10 @@ int Watchdog::Run() {
     PolicyResult policy = POLICY_RESULT_NONE;
     int32_t delaySec = 0;
     if (!critical) {
-      WatchdogThresholdsManager::AddStartEvent();
+      policy_.AddStartEvent();
       QWD_LOG_DEBUG(kComponent, "All monitored entities started successfully\n");
       if (Watch() == WatchEnd::kFailure) {
-        policy = WatchdogThresholdsManager::AddFailureEvent(delaySec);
+        policy = policy_.AddFailureEvent(delaySec);
         ResourceReport();
       }
     }
@@ -71,18 +71,17 @@ int Watchdog::Run() {
     } else if (policy == POLICY_RESULT_SAFE_MODE) {
       requestedMode_ = OPERATIONAL_MODE_SAFE;
     }
-    if (requestedMode_ != operationalMode_) {
+    if (requestedMode_ != policy_.GetCurrentMode()) {
       QWD_LOG_INFO(kComponent, "Switching operational mode %d -> %d after current mode cleanup\n",
-                   static_cast<int>(operationalMode_), static_cast<int>(requestedMode_));
+                   static_cast<int>(policy_.GetCurrentMode()), static_cast<int>(requestedMode_));
       ResourceReport();
-      WatchdogThresholdsManager::SwitchMode(requestedMode_);
-      operationalMode_ = requestedMode_;
+      policy_.SwitchMode(requestedMode_);
     }
   }
 }
 
 MonitoredEntity* Watchdog::SlotEntity(uint32_t slot) const {
-  const EntityRow& row = entityTable_[operationalMode_];
+  const EntityRow& row = entityTable_[policy_.GetCurrentMode()];
   const int32_t index = row.indices[slot];
   return index < 0 ? nullptr : row.entities[static_cast<uint32_t>(index)].get();
 }
@@ -156,7 +155,7 @@ Watchdog::WatchEnd Watchdog::Watch() {
       allRunning = false;
     }
     if (allRunning) {
-      WatchdogThresholdsManager::NotifyRunning();
+      policy_.NotifyRunning();
       continue;
     }
     if (failure) return WatchEnd::kFailure;
@@ -238,6 +237,6 @@ void Watchdog::ChangeOperationalMode(uint32_t mode) {
   }
   requestedMode_ = mode;
   QWD_LOG_INFO(kComponent, "Changing operational mode %d -> %d\n",
-               static_cast<int>(operationalMode_), static_cast<int>(mode));
+               static_cast<int>(policy_.GetCurrentMode()), static_cast<int>(mode));
   RestartAllEntities();
 }

@@ -66,7 +66,7 @@ void Watchdog::UpgradeWatchdog() {
                   kControlScript);
     WatchdogExit(0);
   }
-  WatchdogThresholdsManager::Teardown();
+  policy_.Teardown();
   if (terminationRequested != 0) {
     QWD_LOG_WARN(kComponent, "Watchdog received termination signal during upgrade\n");
     WatchdogExit(0);

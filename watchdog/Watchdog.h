@@ -11,12 +11,13 @@
 #include <cstdint>
 #include <memory>
 
-#include "agent/src/infra/ipc/IpcChannel.h"
-#include "agent/src/infra/ipc/IpcChannelListener.h"
-#include "agent/src/infra/utils/SysResourcesMonitoring.h"
+#include "ipc/IpcChannel.h"
+#include "ipc/IpcChannelListener.h"
+#include "ipc/WatchdogProtocol.h"
+#include "watchdog/resources/SysResourcesMonitoring.h"
 #include "common/StatusCode.h"
-#include "watchdog/MonitoredEntity.h"
-#include "watchdog/WatchdogThresholdsManager.h"
+#include "watchdog/entities/MonitoredEntity.h"
+#include "watchdog/policy/WatchdogThresholdsManager.h"
 
 // Last path component of argv[0], pointing into it (valid for the whole run);
 // names the pid file.
@@ -51,7 +52,7 @@ class Watchdog {
   static constexpr size_t kPathSize = 512;
   static constexpr uint32_t kNumCommandHandlers = 9;
   // Commands 1..9, in id order, as every process channel registers them.
-  static const IpcHandler kCommandHandlers[kNumCommandHandlers];
+  static const std::array<IpcHandler, kNumCommandHandlers> kCommandHandlers;
 
   Watchdog() = default;
   Watchdog(const Watchdog&) = delete;
@@ -79,6 +80,7 @@ class Watchdog {
   // Replaces this process with the new version's control script.
   [[noreturn]] void UpgradeWatchdog();
 
+  static constexpr std::array<IpcHandler, kNumCommandHandlers> MakeCommandHandlers();
   static StatusCode HandleIncreaseLogGeneration(const void* data, size_t dataLen, void* reply,
                                                 size_t replySize, size_t* replyLen, void* context);
   static StatusCode HandleSetComponentLogLevel(const void* data, size_t dataLen, void* reply,
@@ -136,8 +138,8 @@ class Watchdog {
   std::array<const char*, 8> safeAgentArgs_{};       // the same with "--safe-mode"
   std::array<EntityRow, OPERATIONAL_MODE_NUM_OF> entityTable_;  // by operational mode
   std::unique_ptr<IpcChannelListener> listener_;                // waits on every process channel
+  WatchdogThresholdsManager policy_;  // restart policy; its mode is the row being supervised
   std::array<int32_t, kSlotsPerRow> channelDescriptors_{-1, -1, -1};  // listener slots, by slot
-  uint32_t operationalMode_ = OPERATIONAL_MODE_NORMAL;                // the row being supervised
   uint32_t requestedMode_ = OPERATIONAL_MODE_NORMAL;                  // applied after the next stop
   uint32_t stopDelayMs_ = 0;                  // sleep before a requested stop, then cleared
   uint32_t memoryLimitBytes_ = 0;             // least available memory; 0: unchecked

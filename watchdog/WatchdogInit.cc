@@ -6,8 +6,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "agent/src/infra/logger/Logger.h"
-#include "agent/src/infra/logger/LoggerConfig.h"
+#include "logger/Logger.h"
+#include "logger/LoggerConfig.h"
 #include "common/CrashHandler.h"
 #include "common/FileUtils.h"
 #include "common/Log.h"
@@ -16,7 +16,7 @@
 #include "common/version.h"
 #include "watchdog/Config.h"
 #include "watchdog/Installation.h"
-#include "watchdog/MonitoredProcess.h"
+#include "watchdog/entities/MonitoredProcess.h"
 #include "watchdog/Watchdog.h"
 
 namespace {
@@ -98,7 +98,9 @@ void Watchdog::Init() {
     WatchdogExit(-1);
   }
   SetCrashAccountIdSource(Logger::GetAccountIdString);
-  WatchdogThresholdsManager::Init();
+  if (policy_.Init() != StatusCode::SUCCESS) {
+    QWD_LOG_ERROR(kComponent, "Failed initializing the restart policies: restarts are not limited\n");
+  }
   QWD_LOG_INFO(kComponent, "Running watchdogInit for version [%s] \n", currentVersion_.data());
   Installation::ReportResourceLimits();
 
@@ -130,7 +132,6 @@ void Watchdog::Init() {
   }
   CreateProcessEntities();
   channelDescriptors_.fill(-1);
-  operationalMode_ = OPERATIONAL_MODE_NORMAL;
 }
 
 // The version directory, the program links and the library links; the
@@ -162,18 +163,18 @@ void Watchdog::CreateProcessEntities() {
   EntityRow& normal = entityTable_[OPERATIONAL_MODE_NORMAL];
   normal.entities[1] = CreateMonitoredProcess(
       systemExecDir_.data(), systemExecBinary_.data(), nullptr, libPath, kMaxLastSeenMsec, false,
-      false, kSystemExecSocketName, kCmdDataSize, kReplySize, kCommandHandlers, kNumCommandHandlers,
+      false, kSystemExecSocketName, kCmdDataSize, kReplySize, kCommandHandlers.data(), kNumCommandHandlers,
       kConnectTimeoutMsec, this);
   normal.indices[1] = 1;
   normal.entities[2] = CreateMonitoredProcess(
       agentDir_.data(), agentBinary_.data(), normalAgentArgs_.data(), libPath, kMaxLastSeenMsec,
-      setLdLibPath, true, kUserAgentSocketName, kCmdDataSize, kReplySize, kCommandHandlers,
+      setLdLibPath, true, kUserAgentSocketName, kCmdDataSize, kReplySize, kCommandHandlers.data(),
       kNumCommandHandlers, kConnectTimeoutMsec, this);
   normal.indices[2] = 2;
   EntityRow& safe = entityTable_[OPERATIONAL_MODE_SAFE];
   safe.entities[0] = CreateMonitoredProcess(
       agentDir_.data(), agentBinary_.data(), safeAgentArgs_.data(), libPath, kMaxLastSeenMsec,
-      setLdLibPath, true, kUserAgentSocketName, kCmdDataSize, kReplySize, kCommandHandlers,
+      setLdLibPath, true, kUserAgentSocketName, kCmdDataSize, kReplySize, kCommandHandlers.data(),
       kNumCommandHandlers, kConnectTimeoutMsec, this);
   safe.indices[2] = 0;
 }

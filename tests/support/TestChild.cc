@@ -35,10 +35,10 @@
 #include <string>
 #include <vector>
 
-#include "agent/src/infra/ipc/IpcChannel.h"
-#include "agent/src/infra/ipc/UnixSocket.h"
+#include "ipc/IpcChannel.h"
+#include "ipc/UnixSocket.h"
 #include "common/StringUtils.h"
-#include "watchdog/MonitoredProcess.h"
+#include "ipc/WatchdogProtocol.h"
 
 namespace {
 
@@ -113,7 +113,7 @@ int main(int argc, char** argv) {
   auto notify = [&](int32_t pid, bool ok) {
     note.ok = ok ? 1 : 0;
     note.pid = pid;
-    send(kStatusNotifyCommand, &note, sizeof(note));
+    send(CommandId(WatchdogCommand::STATUS_NOTIFY), &note, sizeof(note));
   };
   static const std::set<std::string> kSteps = {"hb",  "beat", "fail", "pid",  "sock",       "noise",
                                                "cmd", "text", "exit", "wait", "ignore-term"};
@@ -128,7 +128,7 @@ int main(int argc, char** argv) {
       SafeStrCopy(note.socketName, steps[++i].c_str());
     } else if (step == "noise") {
       std::string noise(sizeof(StatusNotification), '\xA5');
-      send(kStatusNotifyCommand, noise.data(), noise.size());
+      send(CommandId(WatchdogCommand::STATUS_NOTIFY), noise.data(), noise.size());
     } else if (step == "beat") {
       for (;;) {
         notify(getpid(), true);

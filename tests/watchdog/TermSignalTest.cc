@@ -12,7 +12,7 @@
 
 #include <gtest/gtest.h>
 
-#include "agent/src/infra/logger/Logger.h"
+#include "logger/Logger.h"
 #include "tests/support/TempDir.h"
 #include "watchdog/Watchdog.h"
 

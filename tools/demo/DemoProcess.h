@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <memory>
 
-#include "agent/src/infra/ipc/client/WatchdogClient.h"
+#include "client/WatchdogClient.h"
 
 struct DemoArgs {
   bool wd = false;                    // "--wd": launched by the watchdog

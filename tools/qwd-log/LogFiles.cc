@@ -1,5 +1,7 @@
 #include "tools/qwd-log/LogFiles.h"
 
+#include "common/LogFormat.h"
+
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -57,8 +59,8 @@ bool ParseLogFileName(std::string_view path, LogFileName* out) {
   const std::string_view name = path.substr(path.rfind('/') + 1);
   size_t end = name.size();
   LogFileName parsed;
-  if (name.size() > 4 && name.substr(name.size() - 4) == ".log") {
-    end -= 4;
+  if (name.size() > LogFormat::kCrashDumpSuffix.size() && name.ends_with(LogFormat::kCrashDumpSuffix)) {
+    end -= LogFormat::kCrashDumpSuffix.size();
     if (!NumberBefore(name, &end, &parsed.pid)) return false;
   } else {
     if (!NumberBefore(name, &end, &parsed.index) || end == 0 || name[--end] != '.' ||

@@ -2,13 +2,13 @@
 
 #include <cctype>
 
+#include "common/LogFormat.h"
 #include "tools/qwd-log/JsonText.h"
 
 namespace {
 
-constexpr std::string_view kHeaderMark = "{\"account_id\": \"";
-constexpr std::string_view kEndMarker =
-    "{ \"level\": \"INFO\", \"message\": \"<--- Log file end --->\" }";
+constexpr std::string_view kHeaderMark = LogFormat::kHeaderStart;
+constexpr std::string_view kEndMarker = LogFormat::kEndObject;
 constexpr std::string_view kLevels[] = {"DEBUG", "VERBOSE", "INFO", "WARN",
                                         "ERROR", "FATAL",   "CRASH"};
 
@@ -25,18 +25,18 @@ bool ParseJsonEntry(std::string_view line, LogRecord* record) {
   if (!object.empty() && object.back() == ',') object.remove_suffix(1);
   JsonReader json(object);
   const auto metadata = [&](const std::string& key) {
-    if (key == "router_timestamp") return json.String(&record->time);
-    if (key == "c_file") return json.String(&record->file);
-    if (key == "line") return json.Integer(&record->line);
+    if (key == QWD_LOG_FIELD_TIME) return json.String(&record->time);
+    if (key == QWD_LOG_FIELD_FILE) return json.String(&record->file);
+    if (key == QWD_LOG_FIELD_LINE) return json.Integer(&record->line);
     return false;
   };
   bool hasLevel = false;
   bool hasMessage = false;
   const bool parsed = json.Object([&](const std::string& key) {
-    if (key == "level") return hasLevel = json.String(&record->level);
-    if (key == "message") return hasMessage = json.String(&record->message);
-    if (key == "timestamp") return json.Integer(&record->timestamp);
-    if (key == "metadata") return json.Object(metadata);
+    if (key == QWD_LOG_FIELD_LEVEL) return hasLevel = json.String(&record->level);
+    if (key == QWD_LOG_FIELD_MESSAGE) return hasMessage = json.String(&record->message);
+    if (key == QWD_LOG_FIELD_TIMESTAMP) return json.Integer(&record->timestamp);
+    if (key == QWD_LOG_FIELD_METADATA) return json.Object(metadata);
     return false;
   });
   if (!parsed || !json.AtEnd() || !hasLevel || !hasMessage) return false;

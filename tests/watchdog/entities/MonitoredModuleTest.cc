@@ -1,4 +1,4 @@
-#include "watchdog/MonitoredModule.h"
+#include "watchdog/entities/MonitoredModule.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -12,7 +12,7 @@
 #include "tests/support/LogCapture.h"
 #include "tests/support/TempDir.h"
 #include "watchdog/Config.h"
-#include "watchdog/KernelModuleApi.h"
+#include "watchdog/entities/KernelModuleApi.h"
 
 namespace {
 

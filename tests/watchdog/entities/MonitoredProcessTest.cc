@@ -3,7 +3,7 @@
 // scaled clocks, notifications from a child that lies, and
 // pids a stop must never signal.
 
-#include "watchdog/MonitoredProcess.h"
+#include "watchdog/entities/MonitoredProcess.h"
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>

@@ -1,4 +1,4 @@
-#include "watchdog/WatchdogThresholdsManager.h"
+#include "watchdog/policy/WatchdogThresholdsManager.h"
 
 #include <gtest/gtest.h>
 
@@ -8,8 +8,6 @@
 #include "tests/support/FakeClock.h"
 #include "tests/support/LogCapture.h"
 #include "watchdog/Config.h"
-
-namespace WTM = WatchdogThresholdsManager;
 
 namespace {
 
@@ -23,19 +21,19 @@ class WatchdogThresholdsManagerTest : public ::testing::Test {
  protected:
   void SetUp() override { Config::ResetToDefaults(); }
   void TearDown() override {
-    WTM::Teardown();
+    wtm_.Teardown();
     Config::ResetToDefaults();
   }
 
   // One pass of the supervision loop: start, `seconds` of running, failure.
   Decision Run(int seconds) {
-    WTM::AddStartEvent();
+    wtm_.AddStartEvent();
     return Fail(seconds);
   }
   Decision Fail(int afterSeconds) {
     clock_.Advance(afterSeconds * 1000LL);
     int32_t sleep = -1;
-    const uint32_t result = WTM::AddFailureEvent(sleep);
+    const uint32_t result = wtm_.AddFailureEvent(sleep);
     return {result, sleep};
   }
   // `count` runs of `seconds` each; the last decision.
@@ -47,37 +45,38 @@ class WatchdogThresholdsManagerTest : public ::testing::Test {
 
   FakeClock clock_;
   LogCapture log_;
+  WatchdogThresholdsManager wtm_;
 };
 
 TEST_F(WatchdogThresholdsManagerTest, DelayGrowsToTheCapAndStartsAgainAfterHealthyRunning) {
-  ASSERT_EQ(StatusCode::SUCCESS, WTM::Init());
+  ASSERT_EQ(StatusCode::SUCCESS, wtm_.Init());
   // One long run and four quick ones: only the five-run policy is ever met.
   for (int violation = 1; violation <= 62; ++violation) {
     Run(1000);
     ASSERT_EQ(Delay(std::min(violation * 10, 600)), Runs(4, 10)) << violation;
   }
-  WTM::AddStartEvent();
+  wtm_.AddStartEvent();
   clock_.Advance(900 * 1000);
-  WTM::NotifyRunning();  // exactly the clean-up period: not yet
+  wtm_.NotifyRunning();  // exactly the clean-up period: not yet
   // An earlier violation still delays a restart that met no policy.
   EXPECT_EQ(Delay(600), Fail(0));
-  WTM::AddStartEvent();
+  wtm_.AddStartEvent();
   clock_.Advance(901 * 1000);
-  WTM::NotifyRunning();
+  wtm_.NotifyRunning();
   EXPECT_EQ(kNow, Fail(0));
   EXPECT_EQ(Delay(10), Runs(4, 10));
 }
 
 TEST_F(WatchdogThresholdsManagerTest, SafeModeDelaysEveryFailureAndSameModeKeepsTheCounter) {
-  ASSERT_EQ(StatusCode::SUCCESS, WTM::Init());
+  ASSERT_EQ(StatusCode::SUCCESS, wtm_.Init());
   Runs(5, 10);
-  WTM::SwitchMode(OPERATIONAL_MODE_NORMAL);
+  wtm_.SwitchMode(OPERATIONAL_MODE_NORMAL);
   EXPECT_EQ(Delay(20), Run(10));
-  WTM::SwitchMode(OPERATIONAL_MODE_SAFE);
+  wtm_.SwitchMode(OPERATIONAL_MODE_SAFE);
   EXPECT_EQ(Delay(10), Run(3600));
   EXPECT_EQ(Delay(20), Run(1));
   // Back in normal mode the rings start empty: four quick runs meet nothing.
-  WTM::SwitchMode(OPERATIONAL_MODE_NORMAL);
+  wtm_.SwitchMode(OPERATIONAL_MODE_NORMAL);
   EXPECT_EQ(kNow, Runs(4, 10));
 }
 
@@ -100,9 +99,9 @@ TEST_F(WatchdogThresholdsManagerTest, OddSettingsDecideTheLastOfTenSecondRuns) {
     Config::ResetToDefaults();
     Config::SetIntValue(c.key, c.value);
     EXPECT_EQ(c.key == CFG_SAFE1_NUM_EVENTS ? StatusCode::OUT_OF_MEMORY : StatusCode::SUCCESS,
-              WTM::Init());
+              wtm_.Init());
     EXPECT_EQ(c.decision, Runs(c.runs, 10));
-    WTM::Teardown();
+    wtm_.Teardown();
   }
   EXPECT_EQ(1u, log_.Count("with 10 events at 900 seconds was met! changing result 0 -> 3\n"));
   // The disabled policy 0 is reported at every start and failure instead of dereferenced.
@@ -115,7 +114,7 @@ TEST_F(WatchdogThresholdsManagerTest, SafeModeResultStopsTheWalkBeforeLaterPolic
   Config::SetIntValue(CFG_NORMAL1_DURATION_SEC, 15);
   Config::SetIntValue(CFG_NORMAL2_NUM_EVENTS, 3);
   Config::SetIntValue(CFG_NORMAL2_DURATION_SEC, 1000);
-  ASSERT_EQ(StatusCode::SUCCESS, WTM::Init());
+  ASSERT_EQ(StatusCode::SUCCESS, wtm_.Init());
   EXPECT_EQ(kSafeMode, Runs(2, 10));
   // The second policy never saw that failure, so it has counted two runs, not three.
   EXPECT_EQ(kNow, Run(20));

@@ -1,0 +1,48 @@
+#pragma once
+
+// Lazily opened binary read of one file: blocks, lines, size, seek, descriptor.
+// The stream opens ("rb") on the first reading operation and stays open.
+
+#include <array>
+#include <cstdio>
+#include <memory>
+
+#include "common/io/Reader.h"
+
+class FileReader : public Reader {
+ public:
+  static constexpr size_t kMaxPath = 256;
+
+  // Null (logged) when the path has 256 characters or more.
+  friend std::unique_ptr<FileReader> CreateFileReader(const char* path, int32_t closeAllowed);
+  // Closes the stream whatever the close-allowed flag says.
+  ~FileReader() override;
+
+  size_t Read(void* buffer, size_t n) override;
+  // At most size - 1 characters, newline kept; returns the length plus one
+  // (the terminator is counted), 0 at end of file, on error or when unopenable.
+  int32_t ReadLine(char* buffer, int32_t size) override;
+  // Closes only when the reader was created with close-allowed 1.
+  void Close() override;
+  // Size of the path from stat (not of the open stream); 0 on failure.
+  uint32_t GetSize() override;
+  int GetFd() override;
+  // -1 is the end of the file, other negatives return -1 without moving.
+  // Returns the fseek result, or 0 when the file cannot be opened (callers
+  // must not take that for success).
+  virtual int Seek(int64_t offset);
+
+ protected:
+  FileReader() = default;
+  // Refuses (logged) a path of 256 characters or more.
+  bool FileReaderCtor(const char* path, int32_t closeAllowed);
+
+ private:
+  bool OpenIfNeeded();
+
+  std::array<char, kMaxPath> path_{};  // the file, at most 255 characters
+  FILE* stream_ = nullptr;             // open stream, or null until first use
+  int32_t closeAllowed_ = 0;           // only 1 lets Close() close the stream
+};
+
+std::unique_ptr<FileReader> CreateFileReader(const char* path, int32_t closeAllowed);

@@ -1,0 +1,43 @@
+#pragma once
+
+// Lazily opened write of one file. The stream opens with "wb" (create or
+// truncate) on first use; each Write chooses to close, flush or keep it.
+
+#include <array>
+#include <cstdio>
+#include <memory>
+
+#include "common/io/Writer.h"
+
+class FileWriter : public Writer {
+ public:
+  static constexpr size_t kMaxPath = 256;
+
+  enum WriteMode : int32_t { kWriteAndClose = 0, kWriteKeepOpen = 1, kWriteAndFlush = 2 };
+
+  // Null (logged) when the path has 255 characters or more: one below the
+  // reader's bound, deliberately.
+  friend std::unique_ptr<FileWriter> CreateFileWriter(const char* path, int32_t bufferSize);
+  // Closes the stream.
+  ~FileWriter() override;
+
+  // Write(text, strlen(text), kWriteAndClose): each call replaces the content.
+  size_t WriteString(const char* text) override;
+  size_t Write(const void* buffer, size_t n, int32_t mode) override;
+  // Opens with "wb" if needed (-1 when that fails), then the reader's rules.
+  int Seek(int64_t offset) override;
+  void Close() override;
+  // True when fflush succeeds; with no open stream every output stream is flushed.
+  virtual bool FileWriterFlush();
+
+ private:
+  FileWriter() = default;
+  bool FileWriterCtor(const char* path, int32_t bufferSize);
+  bool OpenIfNeeded();
+
+  int32_t bufferSize_ = 0;             // creation value, read by nothing
+  std::array<char, kMaxPath> path_{};  // the file, at most 254 characters
+  FILE* stream_ = nullptr;             // open stream, or null
+};
+
+std::unique_ptr<FileWriter> CreateFileWriter(const char* path, int32_t bufferSize);

@@ -1,0 +1,175 @@
+// Launching and stopping a monitored process: fork and execve, the wait for
+// its connection, and the stop escalation.
+
+#include <dirent.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "common/Clock.h"
+#include "common/FileUtils.h"
+#include "common/Log.h"
+#include "common/ProcRoot.h"
+#include "common/TimeUtils.h"
+#include "watchdog/entities/MonitoredProcess.h"
+
+extern char** environ;
+
+namespace {
+
+constexpr uint32_t kComponent = LOGGER_COMPONENT_WATCHDOG;
+// The escalation's numbers are fixed: a grace of 100 ms after SIGTERM, then
+// one-second rounds, SIGKILL every 50 of them, 600 at most.
+constexpr uint32_t kTermGraceMsec = 100;
+constexpr int kStopRounds = 600;
+constexpr int kKillEveryRounds = 50;
+constexpr int kStopRoundMsec = 1000;
+
+}  // namespace
+
+StatusCode MonitoredProcess::Start() {
+  if (dirPath_[0] == '\0' || binaryName_[0] == '\0') {
+    SetStatus(MonitoredEntityStatus::RUNNING);
+    return StatusCode::SUCCESS;
+  }
+  std::remove(socketName_.data());
+  if (!ipcChannel_ || ipcChannel_->ServerInit() != StatusCode::SUCCESS) {
+    QWD_LOG_ERROR(kComponent, "Failed initialing WD-agent IPC server end. Exiting...\n");
+    return StatusCode::FAILURE;
+  }
+  if (!FileExists(fullPath_.data())) {
+    const int error = errno;
+    QWD_LOG_ERROR(kComponent, "Problem with %s, errno %s(%d)\n", fullPath_.data(),
+                  std::strerror(error), error);
+    return StatusCode::FAILURE;
+  }
+  const pid_t child = fork();
+  if (child < 0) {
+    const int error = errno;
+    QWD_LOG_ERROR(kComponent, "Fork failed, errno %s(%d)\n", std::strerror(error), error);
+    return StatusCode::FAILURE;
+  }
+  if (child == 0) {
+    execve(fullPath_.data(), argv_.data(), environ);
+    const int error = errno;
+    std::printf("execv for process '%s' failed, errno %s(%d)\n", fullPath_.data(),
+                std::strerror(error), error);
+    std::fflush(stdout);
+    // No exit handlers: they belong to the watchdog, not to this copy of it.
+    _exit(-1);
+  }
+  QWD_LOG_INFO(kComponent, "Launched process '%s' at '%s', pid %d\n", binaryName_.data(),
+               dirPath_.data(), child);
+  maxRssKb_ = 0;
+  maxOpenFds_ = 0;
+  pid_ = child;
+  SetStatus(MonitoredEntityStatus::RUNNING);
+  lastSeenMsec_ = GetCurrentTimeMsec();
+  if (ipcChannel_->ServerAccept(static_cast<int32_t>(connectTimeoutMsec_)) != StatusCode::SUCCESS) {
+    QWD_LOG_ERROR(kComponent, "Failed waiting for the process %s to connect to the IPC channel\n",
+                  binaryName_.data());
+    return StatusCode::FAILURE;
+  }
+  QWD_LOG_DEBUG(kComponent, "Established connection with %s\n", binaryName_.data());
+  WriteOwnPidFile();
+  return StatusCode::SUCCESS;
+}
+
+StatusCode MonitoredProcess::Stop() {
+  QWD_LOG_VERBOSE(kComponent, "Disconnecting and cleaning up the IPC channel of '%s'\n",
+                  binaryName_.data());
+  if (ipcChannel_) {
+    ipcChannel_->CloseConnection();
+    ipcChannel_->CloseServerSocket();
+  }
+  QWD_LOG_VERBOSE(kComponent, "trying to stop process '%s', pid %d\n", fullPath_.data(), pid_);
+  // kill() would read 0 and other negatives as process groups, the
+  // watchdog's own included: only real pids are signalled.
+  if (pid_ < 1) {
+    QWD_LOG_WARN(kComponent, "Can't stop process '%s' with pid %d!\n", fullPath_.data(), pid_);
+    return StatusCode::INVALID_PARAM;
+  }
+  RemoveOwnPidFile();
+  if (kill(pid_, SIGTERM) != 0) {
+    const int error = errno;
+    if (error == ESRCH) {
+      QWD_LOG_WARN(kComponent,
+                   "Tried killing process with pid %d, binary %s, but it is already dead\n", pid_,
+                   binaryName_.data());
+      return FinishStop(MonitoredEntityStatus::NOT_RUNNING, StatusCode::SUCCESS);
+    }
+    QWD_LOG_ERROR(kComponent, "Failed killing process with pid %d, binary '%s', errno %s\n", pid_,
+                  binaryName_.data(), std::strerror(error));
+    return FinishStop(MonitoredEntityStatus::FAILED, StatusCode::FAILURE);
+  }
+  SleepMsec(kTermGraceMsec);
+  // A process the watchdog did not launch is no child of it: never waited for.
+  bool reaped = fullPath_[0] == '\0';
+  for (int round = 0; round < kStopRounds;) {
+    if (!reaped) reaped = ReapChild();
+    if (IsProcessGone()) {
+      QWD_LOG_DEBUG(kComponent, "Process %d is dead\n", pid_);
+      QWD_LOG_VERBOSE(kComponent, "Stopped process '%s' (pid %d) at '%s' successfully\n",
+                      binaryName_.data(), pid_, dirPath_.data());
+      return FinishStop(MonitoredEntityStatus::NOT_RUNNING, StatusCode::SUCCESS);
+    }
+    ++round;
+    if (round % kKillEveryRounds == 0) {
+      kill(pid_, SIGKILL);
+      QWD_LOG_VERBOSE(kComponent,
+                      "Killing pid %d, binary '%s' after previous attempt didn't succeed\n", pid_,
+                      binaryName_.data());
+    }
+    SleepMsec(kStopRoundMsec);
+  }
+  QWD_LOG_ERROR(kComponent,
+                "Process %s (pid %d) remained alive %d milli-seconds after first trying to kill "
+                "it\n",
+                binaryName_.data(), pid_, kStopRounds * kStopRoundMsec);
+  return FinishStop(MonitoredEntityStatus::FAILED, StatusCode::FAILURE);
+}
+
+bool MonitoredProcess::ReapChild() {
+  int waitStatus = 0;
+  const pid_t result = waitpid(pid_, &waitStatus, WNOHANG);
+  const int error = errno;
+  if (result == pid_) {
+    if (WIFEXITED(waitStatus)) {
+      QWD_LOG_INFO(kComponent, "process '%s' exited with ret code %d\n", fullPath_.data(),
+                   WEXITSTATUS(waitStatus));
+    } else {
+      QWD_LOG_ERROR(kComponent, "process '%s' didn't exit, probably killed or crashed\n",
+                    fullPath_.data());
+    }
+    return true;
+  }
+  if (result == 0 || (result == -1 && error == EINTR)) return false;
+  QWD_LOG_ERROR(kComponent, "Failed waitpid for process '%s', pid %d, got %d, errno %s(%d)\n",
+                fullPath_.data(), pid_, result, std::strerror(error), error);
+  return true;
+}
+
+bool MonitoredProcess::IsProcessGone() const {
+  char path[64] = {};
+  std::snprintf(path, sizeof(path), "%s/%d", GetProcRoot(), pid_);
+  DIR* dir = opendir(path);
+  if (dir == nullptr) {
+    const int error = errno;
+    if (error == ENOENT) return true;
+    QWD_LOG_ERROR(kComponent, "opendir on /proc/%d failed. errno = %d\n", pid_, error);
+    return false;
+  }
+  QWD_LOG_WARN(kComponent, "Process %d is still running\n", pid_);
+  closedir(dir);
+  return false;
+}
+
+StatusCode MonitoredProcess::FinishStop(MonitoredEntityStatus status, StatusCode result) {
+  pid_ = -1;
+  SetStatus(status);
+  return result;
+}

@@ -1,0 +1,58 @@
+#include "watchdog/resources/ProcDir.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cctype>
+
+namespace SysResMon {
+
+ProcDir::ProcDir(const char* path) : dir_(opendir(path)) {}
+
+ProcDir::~ProcDir() {
+  if (dir_ != nullptr) closedir(dir_);
+}
+
+const dirent* ProcDir::Next() { return dir_ != nullptr ? readdir(dir_) : nullptr; }
+
+bool ProcDir::IsProcessEntry(const dirent* entry) const {
+  if (!std::isdigit(static_cast<unsigned char>(entry->d_name[0]))) return false;
+  if (entry->d_type != DT_UNKNOWN) return entry->d_type == DT_DIR;
+  // Only file systems that do not type their entries cost a stat.
+  struct stat st {};
+  return fstatat(dirfd(dir_), entry->d_name, &st, 0) == 0 && S_ISDIR(st.st_mode);
+}
+
+ProcFile::ProcFile(const char* path) : fd_(open(path, O_RDONLY | O_CLOEXEC)) {}
+
+ProcFile::~ProcFile() {
+  if (fd_ >= 0) close(fd_);
+}
+
+bool ProcFile::ReadLine(char* line, size_t size) {
+  size_t used = 0;
+  while (used + 1 < size) {
+    if (position_ == length_) {
+      const ssize_t got = read(fd_, buffer_, sizeof(buffer_));
+      if (got <= 0) break;
+      length_ = static_cast<size_t>(got);
+      position_ = 0;
+    }
+    const char c = buffer_[position_++];
+    line[used++] = c;
+    if (c == '\n') break;
+  }
+  if (size > 0) line[used] = '\0';
+  return used > 0;
+}
+
+int32_t CountDirEntries(const char* path) {
+  ProcDir dir(path);
+  if (!dir.IsOpen()) return -1;
+  int32_t count = 0;
+  while (dir.Next() != nullptr) ++count;
+  return count;
+}
+
+}  // namespace SysResMon

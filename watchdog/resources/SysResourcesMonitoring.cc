@@ -1,0 +1,363 @@
+#include "watchdog/resources/SysResourcesMonitoring.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iterator>
+#include <memory>
+#include <new>
+
+#include "watchdog/resources/ProcDir.h"
+#include "common/Log.h"
+#include "common/ProcRoot.h"
+#include "common/ProcessUtils.h"
+#include "common/StringUtils.h"
+
+namespace SysResMon {
+
+namespace {
+
+constexpr uint32_t kComponent = LOGGER_COMPONENT_INFRA_UTILS;
+constexpr int32_t kLineSize = 512;
+constexpr size_t kPathSize = 512;
+constexpr size_t kWordSize = 100;  // the parse formats below read at most 99 characters
+// Parents of zombies counted by one scan; the rest are only logged.
+constexpr uint32_t kMaxZombieSpawners = 20;
+// Extra status records allocated over the counted processes, for those born meanwhile.
+constexpr int32_t kProcessListHeadroom = 20;
+
+struct MeminfoField {
+  const char* name;
+  uint32_t MemoryInfo::*field;
+};
+constexpr MeminfoField kMeminfoFields[] = {
+    {"MemTotal", &MemoryInfo::totalKb},         {"MemFree", &MemoryInfo::freeKb},
+    {"MemAvailable", &MemoryInfo::availableKb}, {"Buffers", &MemoryInfo::buffersKb},
+    {"Cached", &MemoryInfo::cachedKb},
+};
+
+// A key of the status file and the field it fills: text (first word) or number.
+struct StatusKey {
+  const char* key;
+  std::array<char, kProcNameSize> ProcessStatus::*text;
+  int32_t ProcessStatus::*number;
+};
+constexpr StatusKey kStatusKeys[] = {
+    {"Name:", &ProcessStatus::name, nullptr},     {"State:", &ProcessStatus::state, nullptr},
+    {"VmRSS:", nullptr, &ProcessStatus::vmRssKb}, {"VmHWM:", nullptr, &ProcessStatus::vmHwmKb},
+    {"PPid:", nullptr, &ProcessStatus::ppid},     {"Threads:", nullptr, &ProcessStatus::threads},
+    {"FDSize:", nullptr, &ProcessStatus::fdSize},
+};
+constexpr uint32_t kAllStatusKeys = (1u << std::size(kStatusKeys)) - 1;
+constexpr char kBlanks[] = " \t\n\v\f\r";  // what "%s" stops at
+
+// Opening tells a process that has gone (an expected race with /proc, logged
+// at DEBUG when mayVanish) from a file that really fails.
+bool Opened(const ProcFile& file, const char* path, bool mayVanish) {
+  if (file.IsOpen()) return true;
+  const bool gone = mayVanish && (errno == ENOENT || errno == ESRCH);
+  QWD_LOG(kComponent, gone ? LoggerLevel::DEBUG : LoggerLevel::ERROR,
+          "Failed creating '%s' file reader object\n", path);
+  return false;
+}
+
+// Keys are whole first words of the line, values the next word, both cut at
+// 99 characters. Most lines hold keys that are not wanted: the key is matched
+// before the value is scanned, which keeps the watch-cycle check cheap.
+// Returns the bit of the key that the line filled, 0 for any other line.
+uint32_t ParseStatusLine(const char* line, ProcessStatus& status) {
+  const char* word = line + std::strspn(line, kBlanks);
+  const size_t length = std::strcspn(word, kBlanks);
+  for (size_t i = 0; i < std::size(kStatusKeys); ++i) {
+    const StatusKey& key = kStatusKeys[i];
+    if (std::strlen(key.key) != length || std::memcmp(word, key.key, length) != 0) continue;
+    char value[kWordSize] = "";
+    std::sscanf(word + length, "%99s", value);
+    if (key.text != nullptr) {
+      SafeStrCopy(status.*key.text, value);
+    } else {
+      status.*key.number = std::atoi(value);
+    }
+    return 1u << i;
+  }
+  return 0;
+}
+
+// Every readable process's status, in the order of the root's listing.
+struct ProcessList {
+  std::unique_ptr<ProcessStatus[]> records;  // count + headroom slots
+  int32_t size = 0;                          // slots filled
+};
+
+// One pass over the root. Processes that vanish meanwhile are skipped; those
+// born meanwhile fill the headroom, and the pass ends when it is full.
+StatusCode ReadProcessList(ProcessList& list) {
+  const int32_t count = CountProcesses();
+  if (count < 0) {
+    QWD_LOG_ERROR(kComponent, "Can't read number of pids\n");
+    return StatusCode::FAILURE;
+  }
+  ProcDir root(GetProcRoot());
+  if (!root.IsOpen()) {
+    QWD_LOG_ERROR(kComponent, "Can't read directory %s\n", GetProcRoot());
+    return StatusCode::FAILURE;
+  }
+  const int32_t capacity = count + kProcessListHeadroom;
+  list.records.reset(new (std::nothrow) ProcessStatus[capacity]);
+  if (!list.records) {
+    QWD_LOG_ERROR(kComponent, "Failed allocating memory for psList\n");
+    return StatusCode::FAILURE;
+  }
+  list.size = 0;
+  for (const dirent* entry = root.Next(); entry != nullptr && list.size < capacity;
+       entry = root.Next()) {
+    const int32_t pid = std::atoi(entry->d_name);
+    if (pid == 0) continue;
+    const StatusCode ret = ReadProcessStatus(list.records[list.size], pid);
+    if (ret != StatusCode::SUCCESS) {
+      QWD_LOG_DEBUG(kComponent, "Can't read process status for PID %d, ret %d\n", pid,
+                    StatusCodeToInt(ret));
+      continue;
+    }
+    ++list.size;
+  }
+  return StatusCode::SUCCESS;
+}
+
+// A parent that leaves zombies, for one scan.
+struct ZombieSpawner {
+  int32_t pid;                           // the parent
+  std::array<char, kProcNameSize> name;  // its name
+  int32_t zombies;                       // its zombie children found
+};
+
+struct SpawnerTable {
+  std::array<ZombieSpawner, kMaxZombieSpawners> entries;  // first-seen order
+  uint32_t size = 0;                                      // entries in use
+
+  void Count(const ProcessStatus& parent) {
+    for (uint32_t i = 0; i < size; ++i) {
+      if (entries[i].pid == parent.pid) {
+        ++entries[i].zombies;
+        return;
+      }
+    }
+    if (size >= kMaxZombieSpawners) {
+      QWD_LOG_ERROR(kComponent, "No space for counting zombie spawner! process name [%s] \n",
+                    parent.name.data());
+      return;
+    }
+    entries[size] = ZombieSpawner{parent.pid, parent.name, 1};
+    ++size;
+  }
+};
+
+const ProcessStatus* FindProcess(const ProcessList& list, int32_t pid) {
+  for (int32_t i = 0; i < list.size; ++i) {
+    if (list.records[i].pid == pid) return &list.records[i];
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+StatusCode ReadMeminfo(MemoryInfo& memoryInfo) {
+  char path[kPathSize];
+  std::snprintf(path, sizeof(path), "%s/meminfo", GetProcRoot());
+  ProcFile reader(path);
+  if (!Opened(reader, path, false)) return StatusCode::FAILURE;
+
+  memoryInfo = MemoryInfo{};
+  char line[kLineSize];
+  while (reader.ReadLine(line, kLineSize)) {
+    char name[kWordSize] = "";
+    int value = 0;
+    if (std::sscanf(line, " %99[a-zA-Z0-9()_ ]:%d", name, &value) != 2) {
+      QWD_LOG_ERROR(kComponent, "There's an issue with parsing %s\n", path);
+      QWD_LOG_ERROR(kComponent, "Failed line: %s, results in param=%s, value=%d\n", line, name,
+                    value);
+      return StatusCode::FAILURE;
+    }
+    for (const MeminfoField& field : kMeminfoFields) {
+      if (std::strcmp(name, field.name) == 0) {
+        memoryInfo.*field.field = static_cast<uint32_t>(value);
+        break;
+      }
+    }
+  }
+  // Older kernels have no MemAvailable; buffers are deliberately left out.
+  if (memoryInfo.availableKb == 0) {
+    memoryInfo.availableKb = memoryInfo.freeKb + memoryInfo.cachedKb;
+  }
+  return StatusCode::SUCCESS;
+}
+
+StatusCode ReadProcessStatus(ProcessStatus& status, int32_t pid) {
+  if (pid < 1) {
+    QWD_LOG_ERROR(kComponent, "PID can't be less than 1\n");
+    return StatusCode::INVALID_PARAM;
+  }
+  char path[kPathSize];
+  std::snprintf(path, sizeof(path), "%s/%d/status", GetProcRoot(), pid);
+  ProcFile reader(path);
+  if (!Opened(reader, path, true)) return StatusCode::FAILURE;
+
+  status = ProcessStatus{};
+  status.pid = pid;
+  // The kernel writes each key once, so the read ends with the last wanted
+  // one: the rest of the file (signal masks, CPU lists) costs further reads.
+  uint32_t found = 0;
+  char line[kLineSize];
+  while (found != kAllStatusKeys && reader.ReadLine(line, kLineSize)) {
+    found |= ParseStatusLine(line, status);
+  }
+  return StatusCode::SUCCESS;
+}
+
+StatusCode CountFilesInDirectory(const char* dir, int32_t* filesNumber) {
+  QWD_ASSERT(kComponent, dir != nullptr, "NULL != dir");
+  QWD_ASSERT(kComponent, filesNumber != nullptr, "NULL != filesNumber");
+  const int32_t entries = dir != nullptr ? CountDirEntries(dir) : -1;
+  if (entries < 0) {
+    QWD_LOG_ERROR(kComponent, "Can't open [%s] to get number of files\n",
+                  dir != nullptr ? dir : "(null)");
+    return StatusCode::FAILURE;
+  }
+  if (filesNumber != nullptr) *filesNumber = entries - 2;  // "." and ".."
+  return StatusCode::SUCCESS;
+}
+
+StatusCode GetNumOpenFileDescriptors(int32_t* count, int32_t pid) {
+  if (pid < 1) {
+    QWD_LOG_ERROR(kComponent, "PID can't be less than 1\n");
+    return StatusCode::INVALID_PARAM;
+  }
+  if (count == nullptr) {
+    QWD_LOG_ERROR(kComponent, "num can't be NULL");
+    return StatusCode::INVALID_PARAM;
+  }
+  char path[kPathSize];
+  std::snprintf(path, sizeof(path), "%s/%d/fd", GetProcRoot(), pid);
+  // The kernel's /proc (Linux 6.2 on) gives the count as the directory's
+  // size: one stat per watch cycle instead of a listing. A listing of one's
+  // own descriptors holds one more, its own, which the count keeps.
+  struct stat info {};
+  if (std::strcmp(GetProcRoot(), "/proc") == 0 && stat(path, &info) == 0 && info.st_size > 0) {
+    *count = static_cast<int32_t>(info.st_size) + (pid == GetCachedPid() ? 1 : 0);
+    return StatusCode::SUCCESS;
+  }
+  if (CountFilesInDirectory(path, count) != StatusCode::SUCCESS) {
+    QWD_LOG_ERROR(kComponent, "Failed to count files in directory [%s] \n", path);
+    return StatusCode::FAILURE;
+  }
+  return StatusCode::SUCCESS;
+}
+
+void CheckProcessResConsumption(const char* name, int32_t pid, int32_t memoryStepKb,
+                                int32_t& highestRssKb, int32_t& highestFds) {
+  ProcessStatus status;
+  StatusCode ret = ReadProcessStatus(status, pid);
+  if (ret != StatusCode::SUCCESS) {
+    QWD_LOG_ERROR(kComponent, "Can't read process status for PID %d, ret %d\n", pid,
+                  StatusCodeToInt(ret));
+    return;
+  }
+  const char* shownName = name != nullptr ? name : status.name.data();
+
+  // 64-bit sum: a highest value near the top of the range must not wrap.
+  if (static_cast<int64_t>(status.vmRssKb) >= static_cast<int64_t>(highestRssKb) + memoryStepKb) {
+    highestRssKb = status.vmRssKb;
+    QWD_LOG_INFO(kComponent,
+                 "MEM MAX: Process %s, PID %d is using %d Kb VM RSS, %d Kb VM HW, %d FD buff "
+                 "size\n",
+                 shownName, pid, status.vmRssKb, status.vmHwmKb, status.fdSize);
+  }
+
+  int32_t fds = 0;
+  ret = GetNumOpenFileDescriptors(&fds, pid);
+  if (ret != StatusCode::SUCCESS) {
+    QWD_LOG_ERROR(kComponent, "Can't get number of open file descriptors for PID %d, ret %d\n", pid,
+                  StatusCodeToInt(ret));
+    return;
+  }
+  if (fds > highestFds) {
+    highestFds = fds;
+    QWD_LOG_INFO(kComponent, "FD MAX: Process %s, PID %d has %d open file descriptors\n", shownName,
+                 pid, fds);
+  }
+}
+
+int32_t CountProcesses() {
+  ProcDir root(GetProcRoot());
+  if (!root.IsOpen()) {
+    QWD_LOG_ERROR(kComponent, "Can't read directory %s\n", GetProcRoot());
+    return -1;
+  }
+  int32_t count = 0;
+  for (const dirent* entry = root.Next(); entry != nullptr; entry = root.Next()) {
+    if (root.IsProcessEntry(entry)) ++count;
+  }
+  return count;
+}
+
+void LogProcessesMemConsumption(int32_t maxProcesses) {
+  ProcessList list;
+  if (ReadProcessList(list) != StatusCode::SUCCESS) return;
+  std::sort(list.records.get(), list.records.get() + list.size,
+            [](const ProcessStatus& a, const ProcessStatus& b) { return a.vmRssKb > b.vmRssKb; });
+
+  QWD_LOG_INFO(kComponent, "PS: PID  NAME  VM_RSS_KB  VM_HWM_KB\n");
+  const int32_t shown = maxProcesses > 0 ? std::min(maxProcesses, list.size) : list.size;
+  for (int32_t i = 0; i < shown; ++i) {
+    const ProcessStatus& ps = list.records[i];
+    QWD_LOG_INFO(kComponent, "PS: %d  %s  %d  %d\n", ps.pid, ps.name.data(), ps.vmRssKb,
+                 ps.vmHwmKb);
+  }
+}
+
+StatusCode MonitorZombiesAndThreads(int32_t* zombiesCountOut, int32_t* systemThreadsCountOut) {
+  QWD_ASSERT(kComponent, zombiesCountOut != nullptr, "NULL != zombiesCountOut");
+  QWD_ASSERT(kComponent, systemThreadsCountOut != nullptr, "NULL != systemThreadsCountOut");
+
+  SpawnerTable spawners;
+  ProcessList list;
+  if (ReadProcessList(list) != StatusCode::SUCCESS) return StatusCode::FAILURE;
+
+  int32_t zombies = 0;
+  int64_t threads = 0;  // wide: a made-up tree must not overflow the sum
+  for (int32_t i = 0; i < list.size; ++i) {
+    const ProcessStatus& ps = list.records[i];
+    threads += ps.threads;
+    if (std::strcmp(ps.state.data(), "Z") != 0) continue;
+    ++zombies;
+    const ProcessStatus* parent = FindProcess(list, ps.ppid);
+    if (parent == nullptr) {
+      QWD_LOG_ERROR(kComponent, "Failed to find zombie's parent! Zombie name: [%s], pid: [%d] \n",
+                    ps.name.data(), ps.pid);
+      continue;
+    }
+    spawners.Count(*parent);
+  }
+
+  if (zombiesCountOut != nullptr) *zombiesCountOut = zombies;
+  if (systemThreadsCountOut != nullptr) {
+    *systemThreadsCountOut =
+        static_cast<int32_t>(std::clamp<int64_t>(threads, INT32_MIN, INT32_MAX));
+  }
+  if (zombies > 0) {
+    for (uint32_t i = 0; i < spawners.size; ++i) {
+      const ZombieSpawner& spawner = spawners.entries[i];
+      QWD_LOG_INFO(kComponent,
+                   "Zombie spawner detected! Name:[%s], pid:[%d], zombies spawned:[%d] \n",
+                   spawner.name.data(), spawner.pid, spawner.zombies);
+    }
+  }
+  return StatusCode::SUCCESS;
+}
+
+}  // namespace SysResMon
