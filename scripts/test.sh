@@ -23,6 +23,8 @@ fi
 
 jobs=$(nproc)
 
+bash scripts/check-layers.sh  # no include runs from a lower layer to a higher one
+
 build() {  # name, extra cmake arguments...; every warning fails the build here
   local name=$1; shift
   cmake -S . -B "build/$name" -G Ninja -DQWD_WERROR=ON "$@" >/dev/null
@@ -35,6 +37,7 @@ run_suite() {  # name, extra cmake arguments...
 }
 
 run_suite plain -DCMAKE_BUILD_TYPE=RelWithDebInfo
+bash scripts/check-sdk.sh build/plain  # an agent builds from the installed SDK alone
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   run_suite sanitized -DCMAKE_BUILD_TYPE=Debug -DQWD_SANITIZE=ON -DQWD_BUILD_BENCH=OFF
 
