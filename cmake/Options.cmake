@@ -27,8 +27,9 @@ if(QWD_SANITIZE)
   add_link_options(-fsanitize=address,undefined)
 endif()
 
-# Product code: no exceptions, no RTTI, as on the router build.
+# Product code: no exceptions, no RTTI and no guards on local statics (one
+# thread sets them up), as on the router build.
 function(qwd_product_target target)
-  target_compile_options(${target} PRIVATE -fno-exceptions -fno-rtti)
+  target_compile_options(${target} PRIVATE -fno-exceptions -fno-rtti -fno-threadsafe-statics)
   target_include_directories(${target} PUBLIC ${CMAKE_SOURCE_DIR})
 endfunction()

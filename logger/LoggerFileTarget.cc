@@ -5,9 +5,9 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <mutex>
 #include <new>
 
+#include "common/Mutex.h"
 #include "logger/LoggerUtils.h"
 #include "common/StringUtils.h"
 
@@ -18,12 +18,12 @@ constexpr mode_t kLogFileMode = 0644;
 
 // The last header written to a file, for every file opened later. Always taken
 // inside the logger lock, never the other way round.
-std::mutex g_headerLineLock;
+Mutex g_headerLineLock;
 char g_currentHeaderLine[LoggerFileTarget::kHeaderLineSize];
 size_t g_currentHeaderLength = 0;
 
 void StoreHeader(const char* text, size_t length) {
-  std::lock_guard<std::mutex> lock(g_headerLineLock);
+  MutexLock lock(g_headerLineLock);
   if (length >= sizeof(g_currentHeaderLine)) length = sizeof(g_currentHeaderLine) - 1;
   std::memcpy(g_currentHeaderLine, text, length);
   g_currentHeaderLine[length] = '\0';
@@ -32,7 +32,7 @@ void StoreHeader(const char* text, size_t length) {
 
 // False when no header has been stored yet.
 bool CopyStoredHeader(char* buffer, size_t* length) {
-  std::lock_guard<std::mutex> lock(g_headerLineLock);
+  MutexLock lock(g_headerLineLock);
   if (g_currentHeaderLength == 0) return false;
   std::memcpy(buffer, g_currentHeaderLine, g_currentHeaderLength + 1);
   *length = g_currentHeaderLength;
