@@ -2,9 +2,9 @@
 # VM stage: the watchdog on a real kernel, as a device boots it. A virtual
 # machine (qemu, TCG, no network, no disk) boots Debian's own kernel with an
 # initramfs made here: BusyBox, the static watchdog, the demo agent programs,
-# a kernel module built against that kernel's headers as the agent's module,
-# and tests/vm/init.sh as init. The guest tells on its serial console what
-# its /proc/modules, sysfs, kernel log and the watchdog's log show; this
+# the demo kernel module (built against that kernel's headers) as the agent's
+# module, and tests/vm/init.sh as init. The guest tells on its serial console
+# what its /proc/modules, sysfs, kernel log and the watchdog's log show; this
 # script checks every step and exits non-zero when one is missing.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -20,18 +20,18 @@ fi
 missing_packages() {
   for p in "$@"; do dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "ok installed" || echo "$p"; done
 }
-install() {
+apt_install() {
   [ $# = 0 ] && return
   export DEBIAN_FRONTEND=noninteractive
   apt-get update -qq
   apt-get install -y -qq --no-install-recommends "$@" >/dev/null
 }
 # shellcheck disable=SC2046  # one package name a word
-install $(missing_packages qemu-system-x86 linux-image-amd64 busybox-static cpio make g++ cmake ninja-build)
+apt_install $(missing_packages qemu-system-x86 linux-image-amd64 busybox-static cpio make g++ cmake ninja-build)
 # The kernel that linux-image-amd64 installed, whatever the build machine runs.
 kernel=$(dpkg-query -W -f='${Depends}' linux-image-amd64 | sed -n 's/^linux-image-\([^ ,]*\).*/\1/p')
 # shellcheck disable=SC2046
-install $(missing_packages "linux-headers-$kernel")
+apt_install $(missing_packages "linux-headers-$kernel")
 
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQWD_BUILD_TESTS=OFF \
   -DQWD_BUILD_BENCH=OFF -DCMAKE_EXE_LINKER_FLAGS=-static >/dev/null
@@ -41,7 +41,7 @@ mkdir -p "$out"
 # The MIPS stage's crash chain, built here for the guest: a fault four calls below main.
 g++ -std=c++20 -O2 -g -fno-omit-frame-pointer -fno-exceptions -fno-rtti -static -I. \
   tests/mips/CrashChain.cc "$build/common/libqwd_common.a" -pthread -o "$out/qwd-crash-chain"
-cp -r tests/vm/module "$out/module"
+cp -r tools/demo/module "$out/module"
 make -s -C "/lib/modules/$kernel/build" M="$out/module" modules
 
 # The initramfs: the agent's version directory under /opt, as the firmware ships it.

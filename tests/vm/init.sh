@@ -32,7 +32,7 @@ await loaded
 say "parameter owner=$(cat /sys/module/nfmodule/parameters/owner)"
 await gone
 await loaded
-sleep 2
+sleep 2  # a check of the supervision loop sees it loaded
 say "sending SIGTERM to quillmorWD"
 kill -TERM $wd
 wait $wd

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0
 /*
- * The agent's kernel module in the VM test: the watchdog loads it by the
- * name "nfmodule". It only says when it comes and goes, so that the guest's
- * kernel log tells every load and unload, and shows its one parameter.
+ * The demo agent's kernel module, which the watchdog loads by the name
+ * "nfmodule" (scripts/vm-test.sh installs it on a real kernel). It only says
+ * when it comes and goes, so that the kernel log tells every load and unload,
+ * and shows its one parameter.
  */
 #include <linux/init.h>
 #include <linux/module.h>
