@@ -4,8 +4,10 @@
 // account id and a memory limit, then a restart after 500 ms; runs 2 to 4
 // crash after 2 s; later runs only heartbeat. In safe mode it heartbeats for
 // 4 s, then asks for normal mode. "--demo ACTION" plays one scene instead:
-// commands, crash, silent (stops heartbeating, still connected), safe-back
-// or quiet.
+// commands, crash, silent (stops heartbeating, still connected), safe-back,
+// module (asks for the kernel module), module-crash (the same, then crashes)
+// or quiet. QWD_DEMO_SCENES="SCENE ..." in the environment replaces the
+// schedule: the normal-mode runs play its scenes in order, then quiet.
 
 #include <limits.h>
 #include <sys/resource.h>
@@ -82,6 +84,16 @@ void Play(WatchdogClient& wd, const std::string& action) {
     wd.StopHeartbeat();
     DemoSay("going silent: connected, no more heartbeats");
     pause();
+  } else if (action == "module" || action == "module-crash") {
+    // A moment first, so that a module unloaded by the last stop is seen gone.
+    DemoRunFor(wd, 2000);
+    int32_t moduleStatus = 0;
+    DemoReport("load the kernel module", wd.LoadKernelModule(&moduleStatus));
+    DemoSay("the kernel module's status is %d", moduleStatus);
+    if (action == "module-crash") {
+      DemoRunFor(wd, 3000);
+      Crash();
+    }
   } else if (action == "safe-back") {
     DemoRunFor(wd, 4000);
     DemoReport("back to normal mode", wd.RequestOperationalMode(0));
@@ -89,10 +101,23 @@ void Play(WatchdogClient& wd, const std::string& action) {
   DemoRunFor(wd, kForever);
 }
 
+// The run's word of a blank-separated scene list; quiet past its end.
+const char* NthScene(const char* scenes, int run) {
+  static std::string words;
+  words = scenes;
+  char* save = nullptr;
+  for (char* word = strtok_r(words.data(), " ", &save); word != nullptr;
+       word = strtok_r(nullptr, " ", &save)) {
+    if (--run == 0) return word;
+  }
+  return "quiet";
+}
+
 const char* ScheduledAction(const DemoArgs& args) {
   if (args.safeMode) return "safe-back";
   const int run = NextRun();
   DemoSay("normal-mode run %d", run);
+  if (const char* scenes = std::getenv("QWD_DEMO_SCENES")) return NthScene(scenes, run);
   if (run == 1) return "commands";
   return run <= kLastCrashRun ? "crash" : "quiet";
 }
