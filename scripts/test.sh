@@ -69,3 +69,6 @@ bash scripts/cross-mips.sh  # MIPS build, tests under qemu, router binary sizes
 # The demo story against the real watchdog, bounded, in its own /var namespace:
 # fails when the story does not happen.
 timeout 240 bash scripts/demo.sh
+# The watchdog booted as a device runs it, on Debian's kernel under qemu: a real
+# kernel module loaded, verified, unloaded and loaded again, and a real crash dump.
+bash scripts/vm-test.sh
