@@ -49,7 +49,8 @@ void Summary::Add(const LogRecord& record) {
     ++causes_[path.substr(path.rfind('/') + 1)]["killed or crashed"];
   }
   const std::string delay = Between(message, "policy violation resulted in sleeping ", " ", &found);
-  if (found) {
+  // The policy also reports a sleep of 0 seconds: no delay.
+  if (found && std::atoi(delay.c_str()) > 0) {
     ++hour.delays;
     hour.delaySec += std::atoi(delay.c_str());
   }
