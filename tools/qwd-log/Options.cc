@@ -16,6 +16,8 @@ const char kUsage[] =
     "  --until TIME         entries up to the end of TIME\n"
     "  --summary            restarts, failures by entity, policy delays, mode switches\n"
     "                       and crashes per hour, instead of the lines\n"
+    "  --symbolize BINARY   crash frames as function, file and line, from the unstripped\n"
+    "                       BINARY of the crashed version and its CPU's addr2line\n"
     "  --follow, -f         keep reading as the files grow and rotate\n"
     "  --help, -h           this text\n";
 
@@ -41,7 +43,7 @@ bool ParseOptions(int argc, char** argv, Options* options, std::string* error) {
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     const bool takesValue = arg == "--level" || arg == "--component" || arg == "--since" ||
-                            arg == "--until";
+                            arg == "--until" || arg == "--symbolize";
     if (takesValue && i + 1 >= argc) {
       *error = "option '" + arg + "' needs a value";
       return false;
@@ -70,6 +72,8 @@ bool ParseOptions(int argc, char** argv, Options* options, std::string* error) {
         *error = "bad time '" + value + "' for " + arg + " (YYYY-MM-DD[ HH[:MM[:SS]]])";
         return false;
       }
+    } else if (arg == "--symbolize") {
+      options->symbolize = value;
     } else if (arg.size() > 1 && arg[0] == '-') {
       *error = "unknown option '" + arg + "'";
       return false;

@@ -15,6 +15,7 @@ struct Options {
   std::string component;   // kept when the source path or function holds it
   std::string since;       // kept from this time on, "" for no bound
   std::string until;       // kept up to this time (a prefix: its whole span)
+  std::string symbolize;   // the unstripped binary that names crash frames, or ""
   std::vector<std::string> paths;  // directories and files to read
 };
 

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/qwd-log/CrashSymbolizer.h"
 #include "tools/qwd-log/LogFiles.h"
 #include "tools/qwd-log/LogPrinter.h"
 #include "tools/qwd-log/LogRecord.h"
@@ -64,11 +65,26 @@ int main(int argc, char** argv) {
   tail.Read(files, true, [&](std::string_view line, const std::string& path) {
     merge.Add(path, ParseLogLine(line));
   });
+  std::unique_ptr<CrashSymbolizer> symbolizer;
+  if (!options.symbolize.empty()) {
+    symbolizer = CrashSymbolizer::Open(options.symbolize, &error);
+    if (symbolizer) {
+      merge.ForEach([&](const LogRecord& record, const std::string&) { symbolizer->Collect(record); });
+    }
+    if (!symbolizer || !symbolizer->Resolve(&error)) {
+      std::fprintf(stderr, "qwd-log: --symbolize: %s\n", error.c_str());
+      return 1;
+    }
+  }
   Summary summary;
   merge.ForEach([&](const LogRecord& record, const std::string& path) {
     if (!Selected(record, options)) return;
     if (options.summary) {
       summary.Add(record);
+    } else if (symbolizer && record.level == "CRASH") {
+      LogRecord named = record;
+      named.message = symbolizer->Annotate(record);
+      printer.Print(named, path);
     } else {
       printer.Print(record, path);
     }
