@@ -6,6 +6,7 @@
 #include "common/io/ConfigFileReader.h"
 #include "common/Log.h"
 #include "common/StringUtils.h"
+#include "watchdog/StartupReport.h"
 
 namespace {
 
@@ -140,6 +141,7 @@ namespace Config {
 
 bool Init(const char* path) {
   if (!QWD_ASSERT(kComponent, path != nullptr, "path != NULL")) return false;
+  StartupReport::CheckConfigFile(path);
   std::unique_ptr<ConfigFileReader> reader = CreateConfigFileReader(path, 0);
   if (!reader) {
     QWD_LOG_ERROR(kComponent, "Can't create config file reader object for config file '%s'\n",
@@ -151,14 +153,26 @@ bool Init(const char* path) {
   // Reading stops at the end of the file, at an unopenable file and at the
   // first malformed line alike: what was read so far is kept and the load
   // succeeds.
-  while (reader->ReadKeyValue(key, sizeof(key), value, sizeof(value))) {
+  unsigned line = 1;
+  for (; reader->ReadKeyValue(key, sizeof(key), value, sizeof(value)); ++line) {
     if (key[0] == '\0') continue;
     const uint32_t found = FindKey(key);
     if (found == CFG_NUM_OF_KEYS) {
       QWD_LOG_ERROR(kComponent, "Read unknown key '%s' with value '%s', ignoring\n", key, value);
+      StartupReport::Say("warning: %s:%u: unknown key '%s' ignored", path, line, key);
       continue;
     }
-    if (!StoreReadValue(found, value)) return false;
+    if (!StoreReadValue(found, value)) {
+      StartupReport::Say("%s:%u: key '%s': value '%s' does not parse", path, line, key, value);
+      return false;
+    }
+  }
+  // Text left after the stop means a line was not understood (a malformed
+  // last line looks like the end of the file and goes unreported).
+  char rest[2];
+  if (reader->ReadLine(rest, sizeof(rest)) > 0) {
+    StartupReport::Say("warning: %s:%u: line not understood; it and the rest are ignored", path,
+                       line);
   }
   return true;
 }

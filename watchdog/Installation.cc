@@ -16,6 +16,7 @@
 #include "common/Shell.h"
 #include "common/StringUtils.h"
 #include "watchdog/Config.h"
+#include "watchdog/StartupReport.h"
 
 namespace {
 
@@ -71,8 +72,10 @@ StatusCode CreateSymLink(const char* directory, const char* fileName, const char
   char target[Installation::kPathSize];
   std::snprintf(target, sizeof(target), "%s/%s", directory, fileName);
   if (symlink(target, linkPath) != 0) {
+    const char* error = std::strerror(errno);
     QWD_LOG_ERROR(kComponent, "Failed creating symlink from '%s' to '%s', errno %s\n", linkPath,
-                  target, std::strerror(errno));
+                  target, error);
+    StartupReport::Say("cannot link '%s' to '%s': %s", linkPath, target, error);
     return StatusCode::FAILURE;
   }
   return StatusCode::SUCCESS;
@@ -103,6 +106,7 @@ bool CreateProgramLinks(const char* versionDir) {
 bool CreateSharedLibLinks(const char* versionDir) {
   OpenDir dir(versionDir);
   if (!dir.IsOpen()) {
+    StartupReport::Say("cannot open version directory '%s': %s", versionDir, std::strerror(errno));
     QWD_LOG_ERROR(kComponent, "Can't open '%s'\n", versionDir);
     return false;
   }
@@ -123,6 +127,7 @@ bool CreateSharedLibLinks(const char* versionDir) {
     }
     if (symlink_exists(link)) std::remove(link);
     if (symlink(source, link) != 0) {
+      StartupReport::Say("cannot link '%s' to '%s': %s", link, source, std::strerror(errno));
       QWD_LOG_ERROR(kComponent, "Failed creating symlink from '%s' to '%s'\n", link, source);
       return false;
     }

@@ -2,6 +2,7 @@
 // The order matters: the links point into the version directory and the
 // processes are started through the links.
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -16,6 +17,7 @@
 #include "common/version.h"
 #include "watchdog/Config.h"
 #include "watchdog/Installation.h"
+#include "watchdog/StartupReport.h"
 #include "watchdog/entities/MonitoredProcess.h"
 #include "watchdog/Watchdog.h"
 
@@ -29,6 +31,7 @@ constexpr uint32_t kConnectTimeoutMsec = 20000;
 constexpr uint32_t kCmdDataSize = 200;
 constexpr uint32_t kReplySize = 4;
 
+// The cause has been said on standard error by the step that failed.
 [[noreturn]] void StartupFailureExit() {
   std::puts("Watchdog failed to initialize. Aborting!!!");
   Config::Teardown();
@@ -78,6 +81,9 @@ void Watchdog::Init() {
     if (status != StatusCode::SUCCESS) {
       std::printf("Failed setting CPU Affinity, got %s(%d). Quitting...\n", StatusCodeToStr(status),
                   StatusCodeToInt(status));
+      StartupReport::Say("cannot set the CPU affinity mask 0x%x on %d cores: %s", affinityMask,
+                         static_cast<int>(Config::GetIntValue(CFG_CPU_CORES_NUMBER)),
+                         StatusCodeToStr(status));
       WatchdogExit(-1);
     }
   }
@@ -88,13 +94,18 @@ void Watchdog::Init() {
   std::snprintf(dumpName, sizeof(dumpName), "Quillmor_%s_WatchdogStackTrace",
                 currentVersion_.data());
   if (!SetCrashHandler(Config::GetStrValue(CFG_WD_LOG_DIR), dumpName, 0)) {
+    const int error = errno;  // the open of the dump's
     std::puts("Failed initializing crash handler");
+    StartupReport::Say("cannot create the crash dump in log directory '%s' (wdLogDir): %s",
+                       Config::GetStrValue(CFG_WD_LOG_DIR), std::strerror(error));
     WatchdogExit(-1);
   }
   // Every way out ends in exit(), which then leaves no descriptor but the standard ones.
   std::atexit(CloseCrashDump);
   if (!InitLogger()) {
     std::puts("Failed creating logger, exiting...");
+    StartupReport::Say("cannot create the log files in '%s' (wdLogDir)",
+                       Config::GetStrValue(CFG_WD_LOG_DIR));
     WatchdogExit(-1);
   }
   SetCrashAccountIdSource(Logger::GetAccountIdString);
@@ -121,6 +132,7 @@ void Watchdog::Init() {
   listener_ = CreateIpcChannelListener(2, "watchdog listener");
   if (!listener_) {
     QWD_LOG_ERROR(kComponent, "Failed creating a WD IPC channel listener\n");
+    StartupReport::Say("out of memory for the IPC channel listener");
     Config::Teardown();
     WatchdogExit(0);
   }
@@ -140,9 +152,12 @@ bool Watchdog::MakeVersionDirectory() {
   char dir[kPathSize];
   if (!Installation::GetVersionDirectory(currentVersion_.data(), dir)) {
     QWD_LOG_ERROR(kComponent, "Failed getting self version directory\n");
+    StartupReport::Say("no usable version string ('%s') to name the version directory",
+                       currentVersion_.data());
     return false;
   }
   SafeStrCopy(versionDir_, dir);
+  StartupReport::CheckPrograms(dir);
   if (!Installation::CreateProgramLinks(dir)) {
     QWD_LOG_ERROR(kComponent, "Failed creating agent and module symbolic links\n");
     return false;

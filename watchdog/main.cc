@@ -4,6 +4,7 @@
 
 #include "watchdog/CommandLine.h"
 #include "watchdog/Config.h"
+#include "watchdog/StartupReport.h"
 #include "watchdog/Watchdog.h"
 
 int main(int argc, char* argv[]) {
@@ -15,7 +16,10 @@ int main(int argc, char* argv[]) {
   SetTermSignal();
 
   std::array<char, kConfigPathSize> configPath{};
-  if (!CommandLine::GetConfigPath(argc, argv, configPath)) return -1;
+  if (!CommandLine::GetConfigPath(argc, argv, configPath)) {
+    StartupReport::Say("command line not understood: a configuration file is given with -f");
+    return -1;
+  }
   if (!Config::Init(configPath.data())) {
     std::printf("Failed reading WD configuration from '%s'\n", configPath.data());
     return -1;

@@ -24,11 +24,13 @@ const std::string kStartupEnds =
     "/var/log/quillmor/Quillmor_40.5.21.71902_WatchdogStackTrace_0.log\nFailed initializing "
     "crash handler\n";
 
-// Standard output and exit status (-1 when the process did not exit).
+// Standard output (or, with errors, standard error) and exit status (-1 when
+// the process did not exit).
 std::pair<std::string, int> RunProgram(const std::string& binary,
-                                       const std::vector<std::string>& args) {
+                                       const std::vector<std::string>& args, bool errors = false) {
   std::string command = binary;
   for (const std::string& arg : args) command += " '" + arg + "'";
+  if (errors) command += " 2>&1 >/dev/null";
   FILE* pipe = popen(command.c_str(), "r");
   std::string output;
   char buffer[4096];
@@ -68,6 +70,51 @@ TEST_F(QuillmorWdTest, ArgumentPhasePrintsAndEnds) {
     SCOPED_TRACE(testing::PrintToString(args));
     EXPECT_EQ(RunProgram(QWD_BINARY, args), std::make_pair(output, status));
   }
+}
+
+TEST_F(QuillmorWdTest, EveryStartupFailureNamesItsCauseOnStandardError) {
+  const std::string d = dir_.path();
+  const std::string versionDir = d + "/40.5.21.71902";
+  std::filesystem::create_directory(versionDir);
+  dir_.Write("40.5.21.71902/libx.so", "");
+  const std::string installed = "wdLogDir=" + d + "\ndownloadDir=" + d + "\n";
+  const std::string links = installed + "systemExecSymLinkPath=" + d + "/s\nmoduleSymLinkPath=" +
+                            d + "/m\ncontrolScriptPath=" + d + "/c\nteardownScriptPath=" + d +
+                            "/t\nagentSymLinkPath=" + d;
+  const std::string noDump = "quillmorWD: cannot create the crash dump in log directory "
+                             "'/var/log/quillmor' (wdLogDir): No such file or directory\n";
+  const std::string missing = "quillmorWD: missing program '" + versionDir +
+                              "/quillmorSystemExec': No such file or directory\nquillmorWD: "
+                              "missing program '" + versionDir +
+                              "/quillmorUserAgent': No such file or directory\n";
+  const std::string notice = "quillmorWD: notice: configuration file '" + d;
+  // configuration (empty: the directory itself is given), standard error, exit status
+  const std::tuple<std::string, std::string, int> cases[] = {
+      {"", notice + "' is a directory; running on the defaults\n" + noDump, 255},
+      {"cpuCoresNumber=4\nfoo=1\nbad line\nx=1\n",
+       "quillmorWD: warning: " + d + "/w.cfg:2: unknown key 'foo' ignored\nquillmorWD: warning: " +
+           d + "/w.cfg:3: line not understood; it and the rest are ignored\n" + noDump,
+       255},
+      {"cpuCoresNumber=4\nMaxDelayPeriodSec=12x\n",
+       "quillmorWD: " + d + "/w.cfg:2: key 'MaxDelayPeriodSec': value '12x' does not parse\n", 255},
+      {"cpuAffinityMask=1\ncpuCoresNumber=0\n",
+       "quillmorWD: cannot set the CPU affinity mask 0x1 on 0 cores: FAILURE\n", 255},
+      {links + "/no/a\n",
+       missing + "quillmorWD: cannot link '" + d + "/no/a' to '" + versionDir +
+           "/quillmorUserAgent': No such file or directory\n",
+       0},
+      {links + "/a\nlibPath=" + d + "/no\n",
+       missing + "quillmorWD: cannot link '" + d + "/no/libx.so' to '" + versionDir +
+           "/libx.so': No such file or directory\n",
+       0},
+  };
+  for (const auto& [config, errors, status] : cases) {
+    SCOPED_TRACE(config);
+    const std::string path = config.empty() ? d : dir_.Write("w.cfg", config);
+    EXPECT_EQ(RunProgram(QWD_BINARY, {"-f", path}, true), std::make_pair(errors, status));
+  }
+  EXPECT_EQ(RunProgram(QWD_BINARY, {"-f", d + "/absent.cfg"}, true).first,
+            notice + "/absent.cfg': No such file or directory; running on the defaults\n" + noDump);
 }
 
 TEST_F(QuillmorWdTest, NineArgumentsReadTheFileBesideTheExecutable) {

@@ -35,7 +35,7 @@ void LogPrinter::PrintHuman(const LogRecord& record) {
                  record.text.c_str());
     return;
   }
-  std::string source = BaseName(record.file);
+  std::string source = record.file;
   if (record.line >= 0) source += ':' + std::to_string(record.line);
   const char* colour = colour_ ? LevelColour(record.level) : "";
   std::fprintf(out_, "%-19s %s%-7s%s %-32s %s%s%s\n", record.time.c_str(), colour,

@@ -84,7 +84,13 @@ bool ParseHumanEntry(std::string_view line, LogRecord* record) {
 
 int LogLevelRank(std::string_view level) {
   for (size_t i = 0; i < std::size(kLevels); ++i) {
-    if (kLevels[i] == level) return static_cast<int>(i);
+    const std::string_view name = kLevels[i];
+    if (name.size() != level.size()) continue;
+    size_t at = 0;
+    while (at < name.size() && std::toupper(static_cast<unsigned char>(level[at])) == name[at]) {
+      ++at;
+    }
+    if (at == name.size()) return static_cast<int>(i);
   }
   return -1;
 }
@@ -104,6 +110,12 @@ LogRecord ParseLogLine(std::string_view line) {
     record.kind = LogLineKind::HEADER;
   } else if (ParseJsonEntry(line, &record) || ParseHumanEntry(trimmed, &record)) {
     record.kind = LogLineKind::ENTRY;
+    // The build names sources from its own directory: "../watchdog/X.cc".
+    size_t from = 0;
+    while (record.file.compare(from, 3, "../") == 0 || record.file.compare(from, 2, "./") == 0) {
+      from = record.file.find('/', from) + 1;
+    }
+    record.file.erase(0, from);
   }
   return record;
 }

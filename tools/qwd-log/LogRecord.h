@@ -27,7 +27,7 @@ struct LogRecord {
   std::string time;        // wall-clock text, empty when unknown
   int64_t timestamp = -1;  // monotonic seconds, -1 when unknown
   std::string level;       // "DEBUG" .. "FATAL", "CRASH"
-  std::string file;        // source file as logged
+  std::string file;        // source file as logged, without leading "../" or "./"
   int64_t line = -1;       // source line, -1 when unknown
   std::string function;    // empty when the line does not carry it
   std::string message;     // without the trailing blank or newline
@@ -37,5 +37,5 @@ struct LogRecord {
 
 LogRecord ParseLogLine(std::string_view line);
 
-// Rank of a level name for --level: DEBUG 0 .. FATAL 5, CRASH 6; -1 unknown.
+// Rank of a level name in any case: DEBUG 0 .. FATAL 5, CRASH 6; -1 unknown.
 int LogLevelRank(std::string_view level);

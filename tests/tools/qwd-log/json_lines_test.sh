@@ -13,6 +13,7 @@ log=$dir/Quillmor_40.5.21.71902_WatchdogLogger_5_0.0
   printf '{"level": "CRASH", "message": "cut'
 } > "$log"
 printf '\n{ "level": "INFO", "message": "<--- Log file end --->" }\n' >> "$dir/Quillmor_40.5.21.71902_WatchdogLogger_5_0.1"
+"$viewer" --help | grep -q "^Usage: qwd-log"  # on standard output, status 0
 "$viewer" --json "$dir" > "$dir/out"
 python3 - "$dir/out" <<'PY'
 import json, sys
