@@ -38,6 +38,7 @@ run_suite() {  # name, extra cmake arguments...
 
 run_suite plain -DCMAKE_BUILD_TYPE=RelWithDebInfo
 bash scripts/check-sdk.sh build/plain  # an agent builds from the installed SDK alone
+timeout 60 sh tests/scripts/run_agent_test.sh build/plain  # your own agent in one line: both start, clean exit
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   run_suite sanitized -DCMAKE_BUILD_TYPE=Debug -DQWD_SANITIZE=ON -DQWD_BUILD_BENCH=OFF
 
