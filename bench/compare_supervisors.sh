@@ -36,6 +36,7 @@ sync  # a fresh build's pages are dirty in the page cache, and would count as th
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 child=$work/heartbeat_child
+# shellcheck disable=SC2086 # $link: none, one or more flags
 "${CXX:-g++}" -std=c++20 -O2 -I"$repo" bench/heartbeat_child.cc -o "$child" \
   "$build/agent/src/infra/ipc/client/libqwd_wd_client.a" "$build/agent/libqwd_agent_infra.a" \
   "$build/common/libqwd_common.a" -lpthread $link
