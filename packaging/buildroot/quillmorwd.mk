@@ -12,6 +12,8 @@
 QUILLMORWD_VERSION = 40.5.21
 QUILLMORWD_SITE = $(realpath $(QUILLMORWD_PKGDIR)/../..)
 QUILLMORWD_SITE_METHOD = local
+# The checkout's build trees stay out of the copy.
+QUILLMORWD_OVERRIDE_SRCDIR_RSYNC_EXCLUSIONS = --exclude /build
 QUILLMORWD_LICENSE = Proprietary
 
 # cmake-package configures with the toolchain and -DCMAKE_INSTALL_PREFIX=/usr.
