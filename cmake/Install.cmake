@@ -7,8 +7,9 @@
 #   development: the agent-side client library and the static libraries it
 #     needs, its headers and an exported CMake package
 #     (find_package(QuillmorWDClient) gives quillmorwd::<target>).
-# With the prefix /usr, as firmware builds and the .deb use, <sysconfdir> is
-# /etc. The init files name /usr/sbin/quillmorWD and /etc/quillmor/watchdog.cfg.
+# <sysconfdir> is /etc with the prefix /usr, as firmware builds and the .deb
+# use, else <prefix>/etc. The init files name /usr/sbin/quillmorWD and
+# /etc/quillmor/watchdog.cfg.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -23,7 +24,13 @@ option(QWD_INSTALL_INIT "Install the SysV init script and the systemd unit" ON)
 
 set(QWD_INCLUDE_DIR ${CMAKE_INSTALL_INCLUDEDIR}/quillmorwd)
 set(QWD_PACKAGE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/QuillmorWDClient)
-set(QWD_SYSCONF_DIR ${CMAKE_INSTALL_FULL_SYSCONFDIR})
+# Under the prefix /usr the configuration belongs in /etc; under any other in
+# <prefix>/etc, which follows `cmake --install --prefix`.
+if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+  set(QWD_SYSCONF_DIR /etc)
+else()
+  set(QWD_SYSCONF_DIR ${CMAKE_INSTALL_SYSCONFDIR})
+endif()
 
 install(TARGETS quillmorWD RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT runtime)
 install(TARGETS qwd-log RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)

@@ -58,6 +58,20 @@ check "development .deb: library, headers, CMake package, nothing else" same \
 usr/include/quillmorwd/common/
 usr/lib/$(dpkg-architecture -qDEB_HOST_MULTIARCH)/
 usr/lib/$(dpkg-architecture -qDEB_HOST_MULTIARCH)/cmake/QuillmorWDClient/"
+# A program of the agent builds against the development package alone, with
+# the SDK's first target and header as Install.cmake lists them.
+dpkg -x "$dev" "$scratch/dev"
+target=$(sed -n 's/^set(QWD_SDK_TARGETS \([^ )]*\).*/\1/p' cmake/Install.cmake)
+header=$(sed -n 's/^set(QWD_SDK_HEADERS \([^ )]*\).*/\1/p' cmake/Install.cmake)
+mkdir "$scratch/agent"
+printf '%s\n' 'cmake_minimum_required(VERSION 3.25)' 'project(agent CXX)' 'find_package(QuillmorWDClient REQUIRED)' \
+  'add_executable(agent agent.cc)' "target_link_libraries(agent quillmorwd::$target)" >"$scratch/agent/CMakeLists.txt"
+printf '#include "%s"\nint main() { return CreateWatchdogClient(WatchdogRole::USER_AGENT) ? 0 : 1; }\n' \
+  "$header" >"$scratch/agent/agent.cc"
+check "development .deb: an agent program builds against it" sh -c \
+  'cmake -S "$0" -B "$0/build" -G Ninja -DCMAKE_PREFIX_PATH="$1" >/dev/null && cmake --build "$0/build" >/dev/null' \
+  "$scratch/agent" "$scratch/dev/usr"
+
 # systemd's own units beside ours, as on a device: the targets it names.
 cp -a -n /usr/lib/systemd/system/. "$root/usr/lib/systemd/system/"
 # A value systemd ignores is only a warning: any output fails the check.
