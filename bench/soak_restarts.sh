@@ -31,6 +31,7 @@ echo "beat" > "$work/plan/quillmorSystemExec.plan"
 sample() {  # pid -> the highest descriptor count and Private_Dirty over one watch cycle
   local fds=0 dirty=0 f d
   for _ in 1 2 3 4 5 6 7 8 9 10; do
+    # shellcheck disable=SC2012 # descriptor names are numbers
     f=$(ls "/proc/$1/fd" | wc -l)
     d=$(awk '/^Private_Dirty/ {print $2}' "/proc/$1/smaps_rollup")
     [ "$f" -gt "$fds" ] && fds=$f

@@ -74,14 +74,17 @@ size_t MipsPrologues(const MipsRegisters& registers, MemoryReader& memory, Stack
   return count;
 }
 
-size_t FramePointers(uintptr_t framePointer, MemoryReader& memory, StackFrame* frames) {
+size_t FramePointers(uintptr_t framePointer, MemoryReader& memory, StackFrame* frames,
+                     uintptr_t pointsPast) {
   size_t count = 0;
   uintptr_t returnAddress = 0;
+  uintptr_t pair = framePointer - pointsPast;
   while (count < kMaxStackFrames &&
-         memory.Read(framePointer + sizeof(uintptr_t), &returnAddress, sizeof(returnAddress)) &&
+         memory.Read(pair + sizeof(uintptr_t), &returnAddress, sizeof(returnAddress)) &&
          returnAddress != 0) {
-    frames[count++] = {returnAddress, framePointer + 2 * sizeof(uintptr_t)};
-    if (!memory.Read(framePointer, &framePointer, sizeof(framePointer))) break;
+    frames[count++] = {returnAddress, pair + 2 * sizeof(uintptr_t)};
+    if (!memory.Read(pair, &framePointer, sizeof(framePointer))) break;
+    pair = framePointer - pointsPast;
   }
   return count;
 }
@@ -158,8 +161,32 @@ size_t FromSignalContext(const void* signalContext, MemoryReader& memory, StackF
       memory, frames);
 }
 
+#elif defined(__aarch64__)
+
+uintptr_t FaultAddress(const void* signalContext) {
+  return static_cast<uintptr_t>(static_cast<const ucontext_t*>(signalContext)->uc_mcontext.pc);
+}
+
+size_t FromSignalContext(const void* signalContext, MemoryReader& memory, StackFrame* frames) {
+  const mcontext_t& machine = static_cast<const ucontext_t*>(signalContext)->uc_mcontext;
+  return FramePointers(static_cast<uintptr_t>(machine.regs[29]), memory, frames);
+}
+
+#elif defined(__arm__) && !defined(__thumb__)
+
+uintptr_t FaultAddress(const void* signalContext) {
+  return static_cast<uintptr_t>(static_cast<const ucontext_t*>(signalContext)->uc_mcontext.arm_pc);
+}
+
+// ARM-mode code pushes {fp, lr} and points fp at the saved lr, one word past
+// the pair's start.
+size_t FromSignalContext(const void* signalContext, MemoryReader& memory, StackFrame* frames) {
+  const mcontext_t& machine = static_cast<const ucontext_t*>(signalContext)->uc_mcontext;
+  return FramePointers(static_cast<uintptr_t>(machine.arm_fp), memory, frames, sizeof(uintptr_t));
+}
+
 #else
-#error "No stack walk for this processor"
+#error "No stack walk for this processor (32-bit ARM: build with -marm)"
 #endif
 
 }  // namespace StackWalk

@@ -54,10 +54,11 @@ namespace StackWalk {
 // means a leaf function, whose caller is in the context's ra.
 size_t MipsPrologues(const MipsRegisters& registers, MemoryReader& memory, StackFrame* frames);
 
-// The frame-pointer chain (x86-64 and alike): at each frame pointer the
-// caller's frame pointer, the return address above it and the caller's stack
-// pointer above both.
-size_t FramePointers(uintptr_t framePointer, MemoryReader& memory, StackFrame* frames);
+// The frame-pointer chain (x86-64, AArch64, 32-bit ARM code): each frame
+// pointer points pointsPast bytes beyond a pair of the caller's frame pointer
+// and the return address, with the caller's stack pointer above the pair.
+size_t FramePointers(uintptr_t framePointer, MemoryReader& memory, StackFrame* frames,
+                     uintptr_t pointsPast = 0);
 
 // The instruction that faulted, from the ucontext_t a SA_SIGINFO handler gets.
 uintptr_t FaultAddress(const void* signalContext);

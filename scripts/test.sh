@@ -37,7 +37,6 @@ run_suite() {  # name, extra cmake arguments...
 }
 
 run_suite plain -DCMAKE_BUILD_TYPE=RelWithDebInfo
-bash scripts/check-sdk.sh build/plain  # an agent builds from the installed SDK alone
 timeout 60 sh tests/scripts/run_agent_test.sh build/plain  # your own agent in one line: both start, clean exit
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   run_suite sanitized -DCMAKE_BUILD_TYPE=Debug -DQWD_SANITIZE=ON -DQWD_BUILD_BENCH=OFF
@@ -66,7 +65,11 @@ if command -v clang++ >/dev/null; then
     rm -rf "$corpus"
   done
 fi
-bash scripts/cross-mips.sh  # MIPS build, tests under qemu, router binary sizes
+for arch in mips mipsel armhf aarch64; do bash scripts/cross.sh "$arch"; done  # router CPUs: tests under qemu, stripped sizes
+# A real MIPS crash read back as function and line.
+[ ! -x build/mips/tests/mips/qwd_mips_crash_chain ] ||
+  sh tests/mips/symbolize.sh build/mips/tests/mips/qwd_mips_crash_chain build/plain/tools/qwd-log/qwd-log
+bash scripts/packaging-check.sh  # init files, .deb packages (the SDK's alone), firmware recipes
 # The demo story against the real watchdog, bounded, in its own /var namespace:
 # fails when the story does not happen.
 timeout 240 bash scripts/demo.sh

@@ -1,14 +1,14 @@
 #!/bin/sh
-# Black-box basics of a MIPS quillmorWD, run through qemu-mips-static itself
-# (no binfmt_misc needed): the earliest failures print and end with 255.
-#   blackbox.sh <MIPS quillmorWD> [scratch directory]
+# Black-box basics of a cross-built quillmorWD, run through the CPU's qemu
+# itself (no binfmt_misc needed): the earliest failures print and end with 255.
+#   QWD_QEMU=qemu-<cpu>-static QWD_SYSROOT=/usr/<triple> blackbox.sh <quillmorWD> [scratch directory]
 set -u
 binary=$1
 dir=$(mktemp -d "${2:-${TMPDIR:-/tmp}}/qwd-blackbox-XXXXXX")
 trap 'rm -rf "$dir"' EXIT
 failures=0
 
-run() { qemu-mips-static -L /usr/mips-linux-gnu "$binary" "$@"; }
+run() { "$QWD_QEMU" -L "$QWD_SYSROOT" "$binary" "$@"; }
 check() {  # case, wanted output, wanted status, output, status
   if [ "$4" = "$2" ] && [ "$5" = "$3" ]; then
     echo "ok: $1"

@@ -1,4 +1,5 @@
 #!/bin/sh
+# shellcheck disable=SC2086 # $pidns below: no option, or three of them
 # Runs a test in a private mount namespace with a fresh tmpfs on /var, so the
 # watchdog's fixed socket paths never touch the host's /var. With --pid first,
 # also in its own pid namespace with its own /proc: nothing the test starts
