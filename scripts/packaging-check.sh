@@ -50,7 +50,7 @@ check "runtime .deb: its files" same "$(dpkg --root="$root" -L quillmorwd | grep
 /usr/bin/qwd-log
 /usr/lib/systemd/system/quillmorwd.service
 /usr/sbin/quillmorWD"
-usage=$("$root/usr/sbin/quillmorWD" 2>&1) && status=0 || status=$?
+usage=$("$root/usr/sbin/quillmorWD" 2>/dev/null) && status=0 || status=$?
 check "installed quillmorWD: usage, status 255" same "$usage $status" "Usage:
 quillmorWD -f <config file path> 255"
 check "development .deb: nothing of the runtime" same "$(dpkg-deb -c "$dev" | grep -E 'bin/|etc/|systemd')" ""
