@@ -1,8 +1,7 @@
-// Feeds arbitrary bytes as watchdog.cfg through Config::Init and checks that
-// every key ends either at its default or set by the file: some line must
-// name it before a '=' (blanks between), and a text value must appear in the
-// file as it is. What each line means is ConfigFileReaderTest's and
-// ConfigTest's.
+// Feeds arbitrary bytes as watchdog.cfg through Config::Init, every log line
+// formatted, for the sanitizers to watch, and checks that every text value
+// stays terminated within its field. What each line means is
+// ConfigFileReaderTest's and ConfigTest's.
 
 #include <sys/mman.h>
 #include <unistd.h>
@@ -12,7 +11,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <string>
 
 #include "common/Log.h"
 #include "watchdog/Config.h"
@@ -35,34 +33,6 @@ class FormattingSink final : public LogSink {
 // The input file lives in memory (a memfd) so that the disk does not set the pace.
 int g_fd = -1;
 char g_path[64];
-std::string g_default[CFG_NUM_OF_KEYS];
-
-// A key's value of any type as text.
-std::string Value(uint32_t key) {
-  switch (Config::GetType(key)) {
-    case CFG_TYPE_STRING:
-      return Config::GetStrValue(key);
-    case CFG_TYPE_INT:
-      return std::to_string(Config::GetIntValue(key));
-    default:
-      return std::to_string(Config::GetBoolValue(key));
-  }
-}
-
-// Whether some line of the text names the key before a '='.
-bool Named(const std::string& text, const char* name) {
-  for (size_t at = text.find(name); at != std::string::npos; at = text.find(name, at + 1)) {
-    const size_t pos = text.find_first_not_of(" \t", at + std::strlen(name));
-    if (pos != std::string::npos && text[pos] == '=') return true;
-  }
-  return false;
-}
-
-void Check(bool condition, uint32_t key, const char* what) {
-  if (condition) return;
-  std::fprintf(stderr, "key %u (%s): %s\n", key, Config::GetName(key), what);
-  std::abort();
-}
 
 }  // namespace
 
@@ -72,7 +42,6 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   g_fd = memfd_create("watchdog.cfg", MFD_CLOEXEC);
   if (g_fd < 0) std::abort();
   std::snprintf(g_path, sizeof(g_path), "/proc/self/fd/%d", g_fd);
-  for (uint32_t key = 0; key < CFG_NUM_OF_KEYS; ++key) g_default[key] = Value(key);
   return 0;
 }
 
@@ -85,17 +54,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     written += static_cast<size_t>(n);
   }
   Config::Init(g_path);
-
-  const std::string text(reinterpret_cast<const char*>(data), size);
   for (uint32_t key = 0; key < CFG_NUM_OF_KEYS; ++key) {
-    const bool isText = Config::GetType(key) == CFG_TYPE_STRING;
-    if (isText) {
-      Check(std::memchr(Config::GetStrValue(key), '\0', kValueSize) != nullptr, key,
-            "value not terminated within 129 bytes");
+    if (Config::GetType(key) == CFG_TYPE_STRING &&
+        std::memchr(Config::GetStrValue(key), '\0', kValueSize) == nullptr) {
+      std::fprintf(stderr, "key %s: value not terminated within 129 bytes\n", Config::GetName(key));
+      std::abort();
     }
-    Check(Value(key) == g_default[key] || (Named(text, Config::GetName(key)) &&
-                                           (!isText || text.find(Value(key)) != std::string::npos)),
-          key, "value neither the default nor given by the file");
   }
   Config::ResetToDefaults();
   return 0;
