@@ -37,27 +37,6 @@ TEST(FileReaderTest, LinesCountTheTerminatorSeekAndSize) {
   EXPECT_EQ(0u, reader->Read(line, 3)) << "positioned at the end";
 }
 
-// A reader that may close reopens from the start; a missing file reads
-// nothing.
-TEST(FileReaderTest, CloseOnlyWhenAllowedAndAMissingFileReadsNothing) {
-  LogCapture log;
-  TempDir dir;
-  char line[8] = {};
-  const std::string path = dir.Write("f", "one\ntwo\n");
-  for (const int32_t closeAllowed : {0, 1}) {
-    auto reader = CreateFileReader(path.c_str(), closeAllowed);
-    reader->ReadLine(line, sizeof(line));
-    reader->Close();
-    reader->ReadLine(line, sizeof(line));
-    EXPECT_STREQ(closeAllowed == 1 ? "one\n" : "two\n", line);
-  }
-  auto missing = CreateFileReader(dir.File("missing").c_str(), 1);
-  EXPECT_EQ(0, missing->ReadLine(line, sizeof(line)));
-  EXPECT_EQ(0u, missing->Read(line, sizeof(line)));
-  EXPECT_EQ(0u, missing->GetSize());
-  EXPECT_TRUE(log.Contains("Failed opening file '" + dir.File("missing")));
-}
-
 // Entries come typed with full paths; an entry that can't be read (a
 // dangling link) ends the iteration.
 TEST(DirReaderTest, YieldsTypedEntriesWithFullPathsUntilOneCantBeRead) {
