@@ -25,7 +25,7 @@
 
 #include "common/Clock.h"
 #include "ipc/IpcChannel.h"
-#include "ipc/UnixSocket.h"
+#include "tests/ipc/IpcTestPeer.h"
 
 namespace {
 
@@ -88,15 +88,6 @@ IpcChannel& Server() {
   return *server;
 }
 
-int Connect(const std::string& path) {
-  const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-  const sockaddr_un address = UnixSocket::MakeAddress(path.c_str());
-  if (fd < 0 || connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
-    std::abort();
-  }
-  return fd;
-}
-
 bool Readable(int fd) {
   pollfd entry{fd, POLLIN, 0};
   return poll(&entry, 1, 0) == 1 && (entry.revents & POLLIN) != 0;
@@ -142,7 +133,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size == 0) return 0;
   IpcChannel& server = Server();
   const bool strictRead = (data[0] & 1) != 0;
-  const int client = Connect(g_path);
+  const int client = RawConnect(g_path);
+  if (client < 0) std::abort();
   if (server.ServerAccept(1000) != StatusCode::SUCCESS) std::abort();
 
   const size_t records = SendRecords(client, data + 1, size - 1);
