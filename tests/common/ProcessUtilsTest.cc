@@ -1,6 +1,7 @@
 #include "common/ProcessUtils.h"
 
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -23,6 +24,18 @@ TEST(ProcessUtilsTest, ExecutableDirectoryNeverOverrunsItsBuffer) {
   EXPECT_EQ(StatusCode::SUCCESS, GetRunningFromPath(buffer, 8));
   SetProcRoot(nullptr);
   EXPECT_EQ('Z', buffer[8]) << "a link filling the buffer is cut, not overrun";
+}
+
+TEST(ProcessUtilsTest, MaskBitsSelectCpusBelowTheCount) {
+  cpu_set_t saved;
+  ASSERT_EQ(0, sched_getaffinity(0, sizeof(saved), &saved));
+  if (!CPU_ISSET(0, &saved)) GTEST_SKIP() << "CPU 0 is not ours to use";
+  cpu_set_t now;
+  ASSERT_EQ(StatusCode::SUCCESS, CommonSetCpuAffinity(0x3, 1));
+  ASSERT_EQ(0, sched_getaffinity(0, sizeof(now), &now));
+  EXPECT_EQ(1, CPU_COUNT(&now));
+  EXPECT_EQ(StatusCode::FAILURE, CommonSetCpuAffinity(0xFFFFFFFF, 0));
+  sched_setaffinity(0, sizeof(saved), &saved);
 }
 
 }  // namespace
