@@ -23,9 +23,9 @@
 #include <memory>
 #include <string>
 
-#include "ipc/IpcChannel.h"
-#include "ipc/UnixSocket.h"
 #include "common/Clock.h"
+#include "ipc/IpcChannel.h"
+#include "tests/ipc/IpcTestPeer.h"
 
 namespace {
 
@@ -33,44 +33,33 @@ constexpr uint32_t kMaxRequest = 200;
 constexpr uint32_t kReplySize = 64;
 constexpr size_t kMaxRecords = 64;
 
-// Reads every request byte, so that a short request buffer shows.
-uint32_t Checksum(const void* data, size_t dataLen) {
+// Command 0 echoes; the others claim odd replies: 1 more than 65535 bytes
+// (the low 16 bits are sent, within the buffer), 2 more than the reply
+// buffer holds, 3 a full buffer with a failure, 4 nothing with any status.
+// Every request byte is read, so that a short request buffer shows.
+StatusCode Handle(const void* data, size_t dataLen, void* reply, size_t replySize, size_t* replyLen,
+                  void* command) {
   uint32_t sum = 0;
   for (size_t i = 0; i < dataLen; ++i) sum += static_cast<const uint8_t*>(data)[i];
-  return sum;
-}
-
-StatusCode Echo(const void* data, size_t dataLen, void* reply, size_t replySize, size_t* replyLen,
-                void*) {
-  *replyLen = dataLen < replySize ? dataLen : replySize;
-  if (*replyLen != 0) std::memcpy(reply, data, *replyLen);
-  return StatusCode::SUCCESS;
-}
-
-// Claims more than 65535 bytes: the low 16 bits are sent, within the buffer.
-StatusCode Oversized(const void* data, size_t dataLen, void*, size_t replySize, size_t* replyLen,
-                     void*) {
-  *replyLen = 65536u + (Checksum(data, dataLen) % (replySize + 1));
-  return StatusCode::SUCCESS;
-}
-
-// Claims more than the reply buffer holds.
-StatusCode Overclaiming(const void* data, size_t dataLen, void*, size_t replySize, size_t* replyLen,
-                        void*) {
-  *replyLen = replySize + 1 + Checksum(data, dataLen);
-  return StatusCode::SUCCESS;
-}
-
-StatusCode FullFailure(const void* data, size_t dataLen, void* reply, size_t replySize,
-                       size_t* replyLen, void*) {
-  std::memset(reply, static_cast<int>(Checksum(data, dataLen)), replySize);
-  *replyLen = replySize;
-  return StatusCode::FAILURE;
-}
-
-StatusCode Silent(const void* data, size_t dataLen, void*, size_t, size_t* replyLen, void*) {
-  *replyLen = 0;
-  return static_cast<StatusCode>(Checksum(data, dataLen) % 24);
+  switch (reinterpret_cast<intptr_t>(command)) {
+    case 0:
+      *replyLen = dataLen < replySize ? dataLen : replySize;
+      if (*replyLen != 0) std::memcpy(reply, data, *replyLen);
+      return StatusCode::SUCCESS;
+    case 1:
+      *replyLen = 65536u + sum % (replySize + 1);
+      return StatusCode::SUCCESS;
+    case 2:
+      *replyLen = replySize + 1 + sum;
+      return StatusCode::SUCCESS;
+    case 3:
+      std::memset(reply, static_cast<int>(sum), replySize);
+      *replyLen = replySize;
+      return StatusCode::FAILURE;
+    default:
+      *replyLen = 0;
+      return static_cast<StatusCode>(sum % 24);
+  }
 }
 
 // Polls never wait: a record that is not queued yet never will be, and the
@@ -82,45 +71,21 @@ class NoWaitClock final : public Clock {
   int Poll(pollfd* fds, nfds_t count, int) override { return poll(fds, count, 0); }
 };
 
-struct Harness {
-  std::string dir;
-  std::string path;
-  std::unique_ptr<IpcChannel> server;
-};
+const std::string g_path = "/tmp/qwd-fuzz-" + std::to_string(getpid()) + ".socket";
 
-Harness* g_harness = nullptr;
-
-void RemoveSocket() {
-  unlink(g_harness->path.c_str());
-  rmdir(g_harness->dir.c_str());
-}
-
-Harness* GetHarness() {
-  if (g_harness != nullptr) return g_harness;
-  char dir[] = "/tmp/qwd-fuzz-XXXXXX";
-  if (mkdtemp(dir) == nullptr) std::abort();
-  g_harness = new Harness{dir, std::string(dir) + "/ipc.socket", nullptr};
+IpcChannel& Server() {
+  static std::unique_ptr<IpcChannel> server;
+  if (server) return *server;
   static NoWaitClock clock;
   InstallClock(&clock);
-  g_harness->server = CreateIpcChannel(g_harness->path.c_str(), kMaxRequest, kReplySize, false);
-  IpcChannel& server = *g_harness->server;
-  server.RegisterHandler(0, Echo, nullptr);
-  server.RegisterHandler(1, Oversized, nullptr);
-  server.RegisterHandler(2, Overclaiming, nullptr);
-  server.RegisterHandler(3, FullFailure, nullptr);
-  server.RegisterHandler(4, Silent, nullptr);
-  if (server.ServerInit() != StatusCode::SUCCESS) std::abort();
-  std::atexit(RemoveSocket);
-  return g_harness;
-}
-
-int Connect(const std::string& path) {
-  const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-  const sockaddr_un address = UnixSocket::MakeAddress(path.c_str());
-  if (fd < 0 || connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
-    std::abort();
+  server = CreateIpcChannel(g_path.c_str(), kMaxRequest, kReplySize, false);
+  for (intptr_t id = 0; id < 5; ++id) {
+    server->RegisterHandler(static_cast<int32_t>(id), Handle, reinterpret_cast<void*>(id));
   }
-  return fd;
+  unlink(g_path.c_str());
+  if (server->ServerInit() != StatusCode::SUCCESS) std::abort();
+  std::atexit([] { unlink(g_path.c_str()); });
+  return *server;
 }
 
 bool Readable(int fd) {
@@ -166,10 +131,10 @@ void CheckReplies(int fd) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size == 0) return 0;
-  Harness* harness = GetHarness();
-  IpcChannel& server = *harness->server;
+  IpcChannel& server = Server();
   const bool strictRead = (data[0] & 1) != 0;
-  const int client = Connect(harness->path);
+  const int client = RawConnect(g_path);
+  if (client < 0) std::abort();
   if (server.ServerAccept(1000) != StatusCode::SUCCESS) std::abort();
 
   const size_t records = SendRecords(client, data + 1, size - 1);

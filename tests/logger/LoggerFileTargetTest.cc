@@ -102,11 +102,4 @@ TEST_F(LoggerFileTargetTest, FailedReopenMakesWritesFailUntilANewGenerationOpens
   EXPECT_EQ(ReadWholeFile(logs + "/wd_77_1.0"), kHeader + Line('d'));
 }
 
-TEST(LoggerUtilsTest, NamesTheFileOrRefusesANameLongerThanItsBuffer) {
-  char name[64];
-  ASSERT_TRUE(LoggerUtils::GenerateLogFileName(name, 15, "/tmp", "wd", 77, 1, 0));
-  EXPECT_STREQ(name, "/tmp/wd_77_1.0");
-  EXPECT_FALSE(LoggerUtils::GenerateLogFileName(name, 14, "/tmp", "wd", 77, 1, 0));
-}
-
 }  // namespace

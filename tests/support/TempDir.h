@@ -28,8 +28,10 @@ class TempDir {
   const std::string& path() const { return path_; }
   // path() + "/" + name.
   std::string File(const std::string& name) const { return path_ + "/" + name; }
-  // Writes content to path()/name and returns the full path.
+  // Writes content to path()/name, making its directories, and returns the
+  // full path.
   std::string Write(const std::string& name, const std::string& content) const {
+    std::filesystem::create_directories(std::filesystem::path(File(name)).parent_path());
     std::ofstream(File(name), std::ios::binary | std::ios::trunc) << content;
     return File(name);
   }

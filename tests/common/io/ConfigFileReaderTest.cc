@@ -73,14 +73,4 @@ TEST_F(ConfigFileReaderTest, LineLongerThanTheBufferIsReadInPieces) {
   EXPECT_TRUE(logs_.Contains("Failed reading line\n"));
 }
 
-// A missing file reads nothing; key and value must fit one 1024-byte line.
-TEST_F(ConfigFileReaderTest, MissingFileAndSizesBeyondOneLineReadNothing) {
-  reader_ = CreateConfigFileReader(dir_.File("absent.cfg").c_str(), 0);
-  EXPECT_FALSE(Next());
-  Open("k=v\n");
-  char value[960];
-  EXPECT_FALSE(reader_->ReadKeyValue(key_, 65, value, 960));
-  EXPECT_TRUE(reader_->ReadKeyValue(key_, 65, value, 959));
-}
-
 }  // namespace

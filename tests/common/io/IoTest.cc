@@ -1,18 +1,13 @@
-// The readers and the writer on real files: lines, pieces and positions,
-// typed directory entries, and the failures each one reports.
+// The file reader on a real file: lines, pieces and positions. The config
+// reader, the process (its cmdline) and the module read through it in their
+// own tests; the writer is the logger tests' (LoggerFileTargetTest: modes, the
+// header rewritten in place) and the roads' (pid files).
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <set>
 #include <string>
-#include <utility>
 
-#include "common/io/DirReader.h"
 #include "common/io/FileReader.h"
-#include "common/io/FileWriter.h"
-#include "tests/support/LogCapture.h"
 #include "tests/support/TempDir.h"
 
 namespace {
@@ -34,85 +29,6 @@ TEST(FileReaderTest, LinesCountTheTerminatorSeekAndSize) {
   EXPECT_EQ(std::string(line, 3), "ong");
   EXPECT_EQ(0, reader->Seek(-1));
   EXPECT_EQ(0u, reader->Read(line, 3)) << "positioned at the end";
-}
-
-// A reader that may close reopens from the start; a missing file reads
-// nothing.
-TEST(FileReaderTest, CloseOnlyWhenAllowedAndAMissingFileReadsNothing) {
-  LogCapture log;
-  TempDir dir;
-  char line[8] = {};
-  const std::string path = dir.Write("f", "one\ntwo\n");
-  for (const int32_t closeAllowed : {0, 1}) {
-    auto reader = CreateFileReader(path.c_str(), closeAllowed);
-    reader->ReadLine(line, sizeof(line));
-    reader->Close();
-    reader->ReadLine(line, sizeof(line));
-    EXPECT_STREQ(closeAllowed == 1 ? "one\n" : "two\n", line);
-  }
-  auto missing = CreateFileReader(dir.File("missing").c_str(), 1);
-  EXPECT_EQ(0, missing->ReadLine(line, sizeof(line)));
-  EXPECT_EQ(0u, missing->Read(line, sizeof(line)));
-  EXPECT_EQ(0u, missing->GetSize());
-  EXPECT_TRUE(log.Contains("Failed opening file '" + dir.File("missing")));
-}
-
-// Each open truncates; seeks rewrite in place (the logger's header).
-TEST(FileWriterTest, ModesKeepFlushOrCloseAndSeekRewritesInPlace) {
-  TempDir dir;
-  const std::string path = dir.Write("f", "previous content");
-  auto writer = CreateFileWriter(path.c_str(), 32);
-  EXPECT_EQ(3u, writer->WriteString("abc"));
-  EXPECT_EQ(1u, writer->WriteString("d"));
-  EXPECT_EQ("d", ReadWholeFile(path));
-  writer->Write("header-", 7, FileWriter::kWriteKeepOpen);
-  writer->Write("tail", 4, FileWriter::kWriteAndFlush);
-  EXPECT_EQ("header-tail", ReadWholeFile(path)) << "the flush wrote both";
-  EXPECT_EQ(0, writer->Seek(0));
-  writer->Write("HEADER", 6, FileWriter::kWriteKeepOpen);
-  EXPECT_EQ(0, writer->Seek(-1));
-  writer->Write("!", 1, FileWriter::kWriteAndClose);
-  EXPECT_EQ("HEADER-tail!", ReadWholeFile(path));
-  EXPECT_EQ(-1, writer->Seek(-3));
-}
-
-TEST(FileWriterTest, OpenAndFlushFailuresAreReported) {
-  LogCapture log;
-  TempDir dir;
-  auto writer = CreateFileWriter(dir.File("no/dir/f").c_str(), 32);
-  EXPECT_EQ(0u, writer->Write("x", 1, FileWriter::kWriteAndFlush));
-  EXPECT_EQ(-1, writer->Seek(0));
-  if (access("/dev/full", W_OK) != 0) GTEST_SKIP() << "no /dev/full";
-  auto full = CreateFileWriter("/dev/full", 32);
-  full->Write("x", 1, FileWriter::kWriteKeepOpen);
-  EXPECT_FALSE(full->FileWriterFlush());
-  EXPECT_TRUE(log.Contains("Failed flushing '/dev/full', errno No space left on device(28)\n"));
-}
-
-// Entries come typed with full paths; an entry that can't be read (a
-// dangling link) ends the iteration.
-TEST(DirReaderTest, YieldsTypedEntriesWithFullPathsUntilOneCantBeRead) {
-  LogCapture log;
-  TempDir dir;
-  dir.Write("a", "x");
-  ASSERT_EQ(0, mkdir(dir.File("b").c_str(), 0755));
-  ASSERT_EQ(0, symlink("/dev/null", dir.File("c").c_str()));
-  auto reader = CreateDirReader(dir.path().c_str());
-  std::set<std::pair<std::string, int>> seen;
-  while (reader->NextEntry() != nullptr) {
-    seen.insert({reader->GetEntryFullPath(), reader->GetEntryType()});
-    EXPECT_EQ(dir.path() + "/" + reader->GetEntryName(), reader->GetEntryFullPath());
-  }
-  const std::set<std::pair<std::string, int>> expected = {{dir.File("a"), DirReader::kRegularFile},
-                                                          {dir.File("b"), DirReader::kDirectory},
-                                                          {dir.File("c"), DirReader::kOther}};
-  EXPECT_EQ(expected, seen);
-  EXPECT_EQ(DirReader::kNone, reader->GetEntryType());
-  EXPECT_EQ(nullptr, CreateDirReader(dir.File("a").c_str()));
-  TempDir broken;
-  ASSERT_EQ(0, symlink(broken.File("nowhere").c_str(), broken.File("dangling").c_str()));
-  EXPECT_EQ(nullptr, CreateDirReader(broken.path().c_str())->NextEntry());
-  EXPECT_TRUE(log.Contains("Can't read " + broken.File("dangling") + "\n"));
 }
 
 }  // namespace

@@ -89,15 +89,12 @@ class MonitoredModuleTest : public ::testing::Test {
 
 TEST_F(MonitoredModuleTest, CheckStatusFindsTheNameInAnyLineWithinTheRetries) {
   const std::string helper = std::string(kOther) + "nfmodule_helper 4096 0 - Live 0x0\n";
-  // Lines past the buffer are scanned in pieces, without overrun.
+  // A line past the buffer is scanned in pieces, without overrun.
   const std::string longOther = "big 1 0 " + std::string(2048, 'x') + "\n" + kOther;
-  const std::string longListed =
-      "big 1 0 " + std::string(1500, 'x') + " nfmodule," + std::string(500, 'y') + "\n";
   // List (null: none), retries, status, a line logged.
   const std::tuple<const char*, int32_t, Status, const char*> kCases[] = {
       {kListed, 3, Status::RUNNING, "Module 'nfmodule' was verified!\n"},
       {helper.c_str(), 3, Status::RUNNING, "Module 'nfmodule' was verified!\n"},
-      {longListed.c_str(), 3, Status::RUNNING, "Module 'nfmodule' was verified!\n"},
       {kOther, 3, Status::FAILED, "Module 'nfmodule' is not loaded\n"},
       {longOther.c_str(), 3, Status::FAILED, "Module 'nfmodule' is not loaded\n"},
       {nullptr, 3, Status::UNKNOWN, "IsModuleLoaded failed! try 2 of 3 \n"},
@@ -114,9 +111,6 @@ TEST_F(MonitoredModuleTest, CheckStatusFindsTheNameInAnyLineWithinTheRetries) {
     EXPECT_EQ(log_.Count("IsModuleLoaded failed!"), list != nullptr ? 0u : 3u);
   }
   EXPECT_EQ(clock_.SleepCalls(), 0u);
-  module_->SetStatus(Status::RESTART);
-  module_->CheckStatus();
-  EXPECT_EQ(module_->GetStatus(), Status::RESTART);
 }
 
 TEST_F(MonitoredModuleTest, StartLoadsTheImageWaitsASecondAndVerifiesOrSaysWhyNot) {

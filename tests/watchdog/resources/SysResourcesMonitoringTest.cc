@@ -4,7 +4,6 @@
 
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <optional>
 #include <string>
 #include <tuple>
@@ -33,11 +32,6 @@ class SysResMonTest : public ::testing::Test {
   SysResMonTest() { SetProcRoot(root_.path().c_str()); }
   ~SysResMonTest() override { SetProcRoot(nullptr); }
 
-  std::string Path(const std::string& relative) const { return root_.File(relative); }
-  void Write(const std::string& relative, const std::string& content) {
-    std::filesystem::create_directories(std::filesystem::path(Path(relative)).parent_path());
-    std::ofstream(Path(relative), std::ios::binary | std::ios::trunc) << content;
-  }
   // <pid>/status in the kernel's layout, with keys that are not wanted around the wanted ones.
   void Add(const FakeProcess& p) {
     char status[512];
@@ -45,21 +39,23 @@ class SysResMonTest : public ::testing::Test {
                   "Name:\t%s\nUmask:\t0022\nState:\t%s\nPid:\t%d\nPPid:\t%d\nFDSize:\t64\n"
                   "VmPeak:\t 9000 kB\nVmHWM:\t%d kB\nVmRSS:\t%d kB\nThreads:\t%d\nSigQ:\t0/7\n",
                   p.name, p.state, p.pid, p.ppid, p.vmHwmKb, p.vmRssKb, p.threads);
-    Write(std::to_string(p.pid) + "/status", status);
-    std::filesystem::create_directories(Path(std::to_string(p.pid) + "/fd"));
+    root_.Write(std::to_string(p.pid) + "/status", status);
+    std::filesystem::create_directories(root_.File(std::to_string(p.pid) + "/fd"));
     for (int fd = 0; fd < p.openFds; ++fd)
-      Write(std::to_string(p.pid) + "/fd/" + std::to_string(fd), "");
+      root_.Write(std::to_string(p.pid) + "/fd/" + std::to_string(fd), "");
   }
   // meminfo with this content, read: the five totals in order, nothing on failure.
   std::optional<std::tuple<uint32_t, uint32_t, uint32_t, uint32_t, uint32_t>> Meminfo(
       const std::string& content) {
-    Write("meminfo", content);
+    root_.Write("meminfo", content);
     SysResMon::MemoryInfo m{};
     if (SysResMon::ReadMeminfo(m) != StatusCode::SUCCESS) return std::nullopt;
     return std::tuple(m.totalKb, m.freeKb, m.availableKb, m.buffersKb, m.cachedKb);
   }
   // A process directory without its status: one that vanished after the listing.
-  void AddVanished(int pid) { std::filesystem::create_directories(Path(std::to_string(pid))); }
+  void AddVanished(int pid) {
+    std::filesystem::create_directories(root_.File(std::to_string(pid)));
+  }
 
   TempDir root_;
   LogCapture log_;
@@ -75,9 +71,10 @@ TEST_F(SysResMonTest, MeminfoAndStatusAreReadFieldByFieldWithinTheirBuffers) {
   EXPECT_EQ(std::nullopt, Meminfo("MemTotal: 64000 kB\nMemFree\nCached: 2000 kB\n"));
   // A line longer than the read buffer comes in pieces; one without its number fails.
   EXPECT_EQ(std::nullopt, Meminfo("MemTotal: 64000 kB\n" + std::string(700, 'A') + ": 5 kB\n"));
-  Write("77/status", "Name:\tWeb Content\nState:\t" + std::string(300, 'Z') +
-                         " (zombie)\nPPid:\t12\nGroups:\t" + std::string(900, '7') +
-                         "\nVmHWM:\t  5000 kB\nVmRSS:\t  4000 kB\nThreads:\t9\nFDSize:\t256\n");
+  root_.Write("77/status",
+              "Name:\tWeb Content\nState:\t" + std::string(300, 'Z') +
+                  " (zombie)\nPPid:\t12\nGroups:\t" + std::string(900, '7') +
+                  "\nVmHWM:\t  5000 kB\nVmRSS:\t  4000 kB\nThreads:\t9\nFDSize:\t256\n");
   SysResMon::ProcessStatus st{};
   ASSERT_EQ(StatusCode::SUCCESS, SysResMon::ReadProcessStatus(st, 77));
   EXPECT_EQ(std::tuple(77, std::string("Web"), std::string(99, 'Z'), 12, 5000, 4000, 9, 256),
@@ -88,8 +85,8 @@ TEST_F(SysResMonTest, MeminfoAndStatusAreReadFieldByFieldWithinTheirBuffers) {
 TEST_F(SysResMonTest, CountsLeaveOutDotEntriesAndEntriesThatAreNoProcess) {
   Add({.pid = 10, .openFds = 5});
   Add({.pid = 300});
-  Write("self/status", "Name:\tself\n");
-  Write("42", "a file, not a process");
+  root_.Write("self/status", "Name:\tself\n");
+  root_.Write("42", "a file, not a process");
   EXPECT_EQ(2, SysResMon::CountProcesses());
   int32_t n = -1;
   EXPECT_EQ(StatusCode::SUCCESS, SysResMon::CountFilesInDirectory(root_.path().c_str(), &n));
@@ -113,7 +110,7 @@ TEST_F(SysResMonTest, PeaksAreLoggedOnlyAfterAFullMemoryStepOrAnExtraDescriptor)
             "MEM MAX: Process userAgent, PID 20 is using 11024 Kb VM RSS, 12000 Kb VM HW, 64 FD "
             "buff size\nFD MAX: Process userAgent, PID 20 has 4 open file descriptors\n");
   // Unreadable descriptors leave the memory part counting, under the status name.
-  Write("556/status", "Name:\tx\nVmRSS:\t15000 kB\n");
+  root_.Write("556/status", "Name:\tx\nVmRSS:\t15000 kB\n");
   SysResMon::CheckProcessResConsumption(nullptr, 556, 1024, highestRss, highestFds);
   EXPECT_TRUE(log_.Contains("MEM MAX: Process x, PID 556 is using 15000 Kb"));
   EXPECT_EQ(std::pair(15000, 4), std::pair(highestRss, highestFds));
