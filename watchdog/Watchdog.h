@@ -18,12 +18,11 @@
 #include "common/StatusCode.h"
 #include "watchdog/entities/MonitoredEntity.h"
 #include "watchdog/policy/WatchdogThresholdsManager.h"
+#include "watchdog/Termination.h"
 
 // Last path component of argv[0], pointing into it (valid for the whole run);
 // names the pid file.
 extern const char* programName;
-// 0 at start, set to 1 by TermSignalHandler and never cleared; polled by the loops.
-extern volatile std::sig_atomic_t terminationRequested;
 
 // Installs TermSignalHandler for SIGTERM as a one-shot handler: a second
 // SIGTERM gets the default action. Returns the sigaction result.

@@ -6,6 +6,7 @@
 #include "watchdog/entities/MonitoredProcess.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "common/ProcRoot.h"
 #include "tests/support/FakeClock.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TempDir.h"
@@ -96,7 +98,7 @@ TEST_F(MonitoredProcessTest, NotificationsAreCheckedBeforeTheyAct) {
       // Pids a stop must never signal; they used to be adopted.
       {"pid 1", "Refusing PID 1 from process 'qwd_test_child'\n"},
       {"pid " + self, "Refusing PID " + self + " from process"},
-      {"pid 4242", "Changing PID for process 'qwd_test_child' from ", Status::RUNNING, 4242},
+      {"pid 4242", "Refusing PID 4242 from process 'qwd_test_child': not started by the watchdog"},
   };
   for (const auto& [plan, line, status, adopted] : kCases) {
     SCOPED_TRACE(line);
@@ -131,7 +133,7 @@ TEST_F(MonitoredProcessTest, SilenceBeyondTheLimitFailsTheEntityWhenChecked) {
     process->Start();
     process->UpdatePid(twin);
     clock.Advance(5000);
-    EXPECT_EQ(process->UpdatePid(-1), StatusCode::INVALID_PARAM);
+    EXPECT_EQ(process->UpdatePid(-1), StatusCode::SUCCESS);
     clock.Advance(3000);
     process->UpdatePid(twin);
     clock.Advance(19999);
@@ -150,26 +152,26 @@ TEST_F(MonitoredProcessTest, SilenceBeyondTheLimitFailsTheEntityWhenChecked) {
   waitpid(twin, nullptr, 0);
 }
 
-// Pid 0 would signal the watchdog's own process group: it is never adopted.
+// Pid 0 would signal the watchdog's own process group, and a dead pid may be
+// anyone's by the stop: neither is adopted; -1 is, and stops nothing.
 TEST_F(MonitoredProcessTest, StopOfAPidThatCantBeSignalledEndsAtOnce) {
   FakeClock clock;
   const pid_t dead = ExitedChild(true);
   for (const pid_t pid : {-1, 0, dead}) {
     SCOPED_TRACE(pid);
     auto process = Watched("agent");
-    const StatusCode result = pid == dead ? StatusCode::SUCCESS : StatusCode::INVALID_PARAM;
-    EXPECT_EQ(process->UpdatePid(pid), result);
+    EXPECT_EQ(process->UpdatePid(pid), pid == -1 ? StatusCode::SUCCESS : StatusCode::INVALID_PARAM);
     process->SetStatus(Status::FAILED);
-    EXPECT_EQ(process->Stop(), result);
-    EXPECT_EQ(process->GetStatus(), pid == dead ? Status::NOT_RUNNING : Status::FAILED);
+    EXPECT_EQ(process->Stop(), StatusCode::INVALID_PARAM);
+    EXPECT_EQ(process->GetStatus(), Status::FAILED);
   }
-  EXPECT_EQ(log_.Count("Can't stop process '' with pid -1!\n"), 2u);
+  EXPECT_EQ(log_.Count("Can't stop process '' with pid -1!\n"), 3u);
   EXPECT_EQ(clock.SleepCalls(), 0u);
 }
 
 // A child that set SIGTERM aside dies of the SIGKILL of round 50. A zombie
-// outlives every SIGKILL; as the pid of a process the watchdog did not
-// launch, it is never waited for and sits through the whole escalation.
+// ends the stop at once; one that /proc shows alive sits through the whole
+// escalation.
 TEST_F(MonitoredProcessTest, StopEscalatesToASigkillEveryFiftyRoundsUpToSixHundred) {
   {
     ScaledClock clock(1000);
@@ -184,6 +186,12 @@ TEST_F(MonitoredProcessTest, StopEscalatesToASigkillEveryFiftyRoundsUpToSixHundr
   const pid_t zombie = ExitedChild(false);
   auto process = Watched("agent");
   process->UpdatePid(zombie);
+  EXPECT_EQ(process->Stop(), StatusCode::SUCCESS);
+  process->UpdatePid(zombie);
+  TempDir proc;
+  mkdir(proc.File(std::to_string(zombie)).c_str(), 0755);
+  proc.Write(std::to_string(zombie) + "/stat", std::to_string(zombie) + " (agent) S 1 1");
+  SetProcRoot(proc.path().c_str());
   {
     ScaledClock clock(10000);
     EXPECT_EQ(process->Stop(), StatusCode::FAILURE);
@@ -192,6 +200,7 @@ TEST_F(MonitoredProcessTest, StopEscalatesToASigkillEveryFiftyRoundsUpToSixHundr
   EXPECT_EQ(process->GetStatus(), Status::FAILED);
   EXPECT_EQ(KillRounds(log_),
             (std::vector<size_t>{50, 100, 150, 200, 250, 300, 350, 400, 450, 500, 550, 600}));
+  SetProcRoot(nullptr);
   EXPECT_EQ(waitpid(zombie, nullptr, WNOHANG), zombie);
 }
 
