@@ -186,7 +186,10 @@ TEST_F(MonitoredProcessTest, StopEscalatesToASigkillEveryFiftyRoundsUpToSixHundr
   const pid_t zombie = ExitedChild(false);
   auto process = Watched("agent");
   process->UpdatePid(zombie);
-  EXPECT_EQ(process->Stop(), StatusCode::SUCCESS);
+  {
+    FakeClock clock;
+    EXPECT_EQ(process->Stop(), StatusCode::SUCCESS);
+  }
   process->UpdatePid(zombie);
   TempDir proc;
   mkdir(proc.File(std::to_string(zombie)).c_str(), 0755);
