@@ -95,6 +95,9 @@ bool Watchdog::StartEntities() {
   for (uint32_t slot = 0; slot < kSlotsPerRow; ++slot) {
     MonitoredEntity* entity = SlotEntity(slot);
     if (entity == nullptr) continue;
+    // A start waits up to 20 s for its connection: none begins once
+    // termination is requested.
+    if (terminationRequested != 0) return false;
     if (entity->Start() != StatusCode::SUCCESS) {
       QWD_LOG_ERROR(kComponent, "Failed starting entity '%s'\n", entity->GetName());
       return false;

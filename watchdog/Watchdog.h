@@ -74,7 +74,8 @@ class Watchdog {
   void CheckOwnResources();
   // Own resources, memory, log files, zombies and threads, all logged.
   void ResourceReport();
-  // The installed version's cleanup.sh; FAILURE only when it could not run.
+  // The installed version's cleanup.sh; FAILURE only when it could not run
+  // or was killed (at its time limit, or by a termination while it ran).
   StatusCode RunCleanupScript();
   // Replaces this process with the new version's control script.
   [[noreturn]] void UpgradeWatchdog();
@@ -113,7 +114,8 @@ class Watchdog {
   void CreateProcessEntities();
   // The entity in a slot of the current row, or null.
   MonitoredEntity* SlotEntity(uint32_t slot) const;
-  // Starts the row in slot order; false (critical) at the first failure.
+  // Starts the row in slot order; false (critical) at the first failure or
+  // once termination is requested.
   bool StartEntities();
   // Watch cycles until something is wrong.
   WatchEnd Watch();

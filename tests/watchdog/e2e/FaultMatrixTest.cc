@@ -92,7 +92,18 @@ TEST_F(FaultMatrixTest, EachFaultGetsItsAnswerAndLeavesNothingBehind) {
   auto signalAgent = [this](int signal) { kill(LastLaunch("quillmorUserAgent"), signal); };
   const std::string cleanup = ReadWholeFile(version_ + "/cleanup.sh");
   const std::string restart = "Restarting all entities!";
-  std::vector<Fault> faults = {
+  // ---- The rows at the end: nothing a child does freezes the watchdog. ----
+  exitSeconds_ = 2;
+  const pid_t stranger = fork();
+  if (stranger == 0) execl("/bin/sleep", "sleep", "600", static_cast<char*>(nullptr));
+  auto oneHangUp = [&] {
+    const size_t seen = Count("got a disconnection");
+    std::this_thread::sleep_for(std::chrono::seconds(4));
+    EXPECT_EQ(Count("got a disconnection"), seen);
+  };
+  auto killSystemExec = [&] { kill(LastLaunch("quillmorSystemExec"), SIGKILL); };
+  const std::string clean = "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n";
+  const Fault faults[] = {
       {"agent crash", "beat", nullptr, [&] { signalAgent(SIGKILL); },
        "status is unknown(5). " + restart, 2},
       {"agent hang", "beat", nullptr, [&] { signalAgent(SIGSTOP); }, "setting state to FAILED!", 2},
@@ -115,39 +126,17 @@ TEST_F(FaultMatrixTest, EachFaultGetsItsAnswerAndLeavesNothingBehind) {
          }
        },
        nullptr, "plan/cleanup.log:cleanup", 2},
+      // ---- Nothing a child does freezes the watchdog, misdirects its signals
+      // or outlives it (and SIGTERM ends everything within 2 s). ----
+      {"replies never read", "flood 3000\nbeat", [&] { umount(dir_.File("log").c_str()); },
+       killSystemExec, "quillmorSystemExec' status is unknown(5). " + restart, 2},
+      {"stranger's pid", "hb pid " + std::to_string(stranger) + "\nbeat", nullptr, killSystemExec,
+       "Refusing PID " + std::to_string(stranger), 2},
+      {"pid -1", "hb pid -1\nbeat", nullptr, nullptr, "status is unknown(5). " + restart, 2},
+      {"grandchild, SIGTERM ignored", "ignore-term spawn-grandchild beat", nullptr,
+       [&] { signalAgent(SIGKILL); }, "status is unknown(5). " + restart, 2},
+      {"hang-up", "beat", nullptr, oneHangUp, "got a disconnection", 1, "hb close"},
   };
-  // ---- Nothing a child does freezes the watchdog, misdirects its signals or
-  // outlives it (and SIGTERM ends everything within 2 s). ----
-  exitSeconds_ = 2;
-  const pid_t stranger = fork();
-  if (stranger == 0) execl("/bin/sleep", "sleep", "600", static_cast<char*>(nullptr));
-  const std::string hangUp = "got a disconnection";
-  auto oneHangUp = [&] {
-    const size_t seen = Count(hangUp);
-    std::this_thread::sleep_for(std::chrono::seconds(4));
-    EXPECT_EQ(Count(hangUp), seen);
-  };
-  auto killSystemExec = [&] { kill(LastLaunch("quillmorSystemExec"), SIGKILL); };
-  const std::string clean = "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n";
-  faults.insert(
-      faults.end(),
-      {
-          {"replies never read", "flood 3000\nbeat", [&] { umount(dir_.File("log").c_str()); },
-           killSystemExec, "quillmorSystemExec' status is unknown(5). " + restart, 2},
-          {"stranger's pid", "hb pid " + std::to_string(stranger) + "\nbeat", nullptr,
-           killSystemExec, "Refusing PID " + std::to_string(stranger), 2},
-          {"pid -1", "hb pid -1\nbeat", nullptr, nullptr, "status is unknown(5). " + restart, 2},
-          {"grandchild, SIGTERM ignored", "ignore-term spawn-grandchild beat", nullptr,
-           [&] { signalAgent(SIGKILL); }, "status is unknown(5). " + restart, 2},
-          {"hang-up", "beat", nullptr, oneHangUp, hangUp, 1, "hb close"},
-          {"cleanup starts clean", "hb fail\nbeat",
-           [&] {
-             dir_.Write(
-                 "dl/" + kVersion + "/cleanup.sh",
-                 "#!/bin/sh\ngrep Sig[BI] /proc/$$/status >> " + dir_.File("plan/cleanup.log"));
-           },
-           nullptr, "plan/cleanup.log:" + clean, 2},
-      });
   for (const Fault& fault : faults) {
     SCOPED_TRACE(fault.name);
     fs::remove_all(dir_.File("plan"));
@@ -182,12 +171,15 @@ TEST_F(FaultMatrixTest, EachFaultGetsItsAnswerAndLeavesNothingBehind) {
       }
     }
   }
-  // A cleanup script still running at SIGTERM is killed with its children.
+  // A cleanup script starts clean; still running at SIGTERM, it is killed
+  // with its children.
   fs::remove(dir_.File("plan/quillmorUserAgent.launches"));
-  dir_.Write("dl/" + kVersion + "/cleanup.sh",
-             "#!/bin/sh\nsleep 60 &\necho $! > " + dir_.File("plan/sleeper") + "\nwait\n");
+  dir_.Write("dl/" + kVersion + "/cleanup.sh", "#!/bin/sh\ncd " + dir_.File("plan") +
+                                                   "\ngrep Sig[BI] /proc/$$/status > sigs\n"
+                                                   "sleep 60 &\necho $! > sleeper\nwait\n");
   Start("hb fail\nbeat");
   ASSERT_TRUE(WaitFor("plan/sleeper", "\n"));
+  EXPECT_EQ(ReadWholeFile(dir_.File("plan/sigs")), clean);
   EXPECT_EQ(Finish(SIGTERM), 0);
   EXPECT_TRUE(Ended(std::atoi(ReadWholeFile(dir_.File("plan/sleeper")).c_str())));
   EXPECT_FALSE(Ended(stranger));
