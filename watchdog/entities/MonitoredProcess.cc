@@ -183,8 +183,9 @@ StatusCode MonitoredProcess::UpdatePid(int32_t pid) {
     return StatusCode::INVALID_PARAM;
   }
   // The launched child, its descendants, or an orphan of theirs (a daemonized
-  // agent) that the watchdog inherited as their subreaper.
-  if (pid != -1 && !DescendsFrom(pid, GetCachedPid())) {
+  // agent) that the watchdog inherited as their subreaper. The pid already
+  // adopted was checked then.
+  if (pid != -1 && pid != pid_ && !DescendsFrom(pid, GetCachedPid())) {
     QWD_LOG_ERROR(kComponent, "Refusing PID %d from process '%s': not started by the watchdog\n",
                   pid, binaryName_.data());
     return StatusCode::INVALID_PARAM;

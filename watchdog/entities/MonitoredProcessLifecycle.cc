@@ -10,10 +10,10 @@
 #include <cstdio>
 #include <cstring>
 
+#include "common/CleanExec.h"
 #include "common/Clock.h"
 #include "common/FileUtils.h"
 #include "common/Log.h"
-#include "common/CleanExec.h"
 #include "common/ProcRoot.h"
 #include "common/ProcessTree.h"
 #include "common/ProcessUtils.h"
