@@ -78,7 +78,7 @@ class MonitoredProcess final : public MonitoredEntity {
   bool ReapChild();
   // Whether "<proc>/<pid>" is gone or a zombie.
   bool IsProcessGone() const;
-  // The described escalation on pid_.
+  // The escalation above (SIGTERM, then SIGKILL every 50 rounds) on pid_.
   StatusCode StopPid();
   // SIGKILLs at short intervals once termination is requested; true once the
   // pid is gone, false when it outlived them.

@@ -175,7 +175,7 @@ TEST_F(FaultMatrixTest, EachFaultGetsItsAnswerAndLeavesNothingBehind) {
   // with its children.
   fs::remove(dir_.File("plan/quillmorUserAgent.launches"));
   dir_.Write("dl/" + kVersion + "/cleanup.sh", "#!/bin/sh\ncd " + dir_.File("plan") +
-                                                   "\ngrep Sig[BI] /proc/$$/status > sigs\n"
+                                                   "\ngrep Sig[BI] /proc/self/status > sigs\n"
                                                    "sleep 60 &\necho $! > sleeper\nwait\n");
   Start("hb fail\nbeat");
   ASSERT_TRUE(WaitFor("plan/sleeper", "\n"));
