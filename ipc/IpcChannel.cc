@@ -187,11 +187,14 @@ StatusCode IpcChannel::ReadFailed(const char* reason, int err) {
   return StatusCode::FAILURE;
 }
 
-StatusCode IpcChannel::WriteRecord(int32_t fd, const void* buffer, size_t size) {
+StatusCode IpcChannel::WriteRecord(int32_t fd, const void* buffer, size_t size, int flags) {
   // MSG_NOSIGNAL: a peer that hung up is a failed write, not a SIGPIPE.
-  const ssize_t written = send(fd, buffer, size, MSG_NOSIGNAL);
+  const ssize_t written = send(fd, buffer, size, MSG_NOSIGNAL | flags);
   if (written < 0) {
     const int err = errno;
+    if ((flags & MSG_DONTWAIT) != 0 && (err == EAGAIN || err == EWOULDBLOCK)) {
+      return StatusCode::TIMEOUT;
+    }
     QWD_LOG_ERROR(kComponent, "Failed writing to channel ID %s, errno %s(%d)\n", channelId_.data(),
                   std::strerror(err), err);
     return StatusCode::FAILURE;
@@ -204,8 +207,9 @@ StatusCode IpcChannel::WriteRecord(int32_t fd, const void* buffer, size_t size) 
   return StatusCode::SUCCESS;
 }
 
-StatusCode IpcChannel::WriteMessage(int32_t fd, const IpcHeader& header, const void* data) {
-  const StatusCode status = WriteRecord(fd, &header, sizeof(header));
+StatusCode IpcChannel::WriteMessage(int32_t fd, const IpcHeader& header, const void* data,
+                                    int flags) {
+  const StatusCode status = WriteRecord(fd, &header, sizeof(header), flags);
   if (status != StatusCode::SUCCESS || header.length == 0) return status;
-  return WriteRecord(fd, data, header.length);
+  return WriteRecord(fd, data, header.length, flags);
 }

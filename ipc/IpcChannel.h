@@ -115,9 +115,12 @@ class IpcChannel {
   StatusCode ReadDataRecord(size_t size, bool strictRead);
   // Logs a failed read: FAILURE.
   StatusCode ReadFailed(const char* reason, int err);
-  StatusCode WriteRecord(int32_t fd, const void* buffer, size_t size);
+  // One send with flags; with MSG_DONTWAIT, a full peer is TIMEOUT, unlogged.
+  StatusCode WriteRecord(int32_t fd, const void* buffer, size_t size, int flags);
   // Header and, when there is data, the data record.
-  StatusCode WriteMessage(int32_t fd, const IpcHeader& header, const void* data);
+  StatusCode WriteMessage(int32_t fd, const IpcHeader& header, const void* data, int flags);
+  // Counts a reply the client had no room for; one WARN per watch cycle at most.
+  void DropReply();
   // Checks the request, reads its data and runs its handler: the reply status.
   StatusCode HandleRequest(const IpcHeader& request, bool strictRead, size_t* replyLen);
   StatusCode Exchange(int32_t commandId, const void* data, size_t dataLen, void* reply,
@@ -136,6 +139,8 @@ class IpcChannel {
   uint32_t maxRequestSize_ = 0;               // bytes of requestBuffer_
   std::unique_ptr<uint8_t[]> replyBuffer_;    // handlers' reply data, null for size 0
   uint32_t replyBufferSize_ = 0;              // bytes of replyBuffer_
+  uint32_t droppedReplies_ = 0;  // server: replies dropped since the last warning
+  int64_t dropWarnedMsec_ = -1;  // server: when the last drop was warned of, -1: never
   bool reconnect_ = false;   // set by Connect: SendCommand reconnects after a transport failure
   bool threadSafe_ = false;  // mutex_ is made; client operations take it
   pthread_mutex_t mutex_{};  // recursive, for thread-safe channels

@@ -119,7 +119,7 @@ StatusCode IpcChannel::Exchange(int32_t commandId, const void* data, size_t data
   const IpcHeader request{kIpcMagic, static_cast<uint32_t>(dataLen),
                           static_cast<uint32_t>(commandId)};
   if (dataLen != 0) QWD_LOG_DEBUG(kComponent, "Writing %zu bytes of command data\n", dataLen);
-  StatusCode status = WriteMessage(socketFd_, request, data);
+  StatusCode status = WriteMessage(socketFd_, request, data, 0);
   if (status != StatusCode::SUCCESS) return status;
 
   status = PollOnChannel(socketFd_, timeoutMsec);

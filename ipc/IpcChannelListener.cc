@@ -24,6 +24,9 @@ constexpr const char* kWaitResultNames[] = {
 
 // A descriptor poll skips (at most -2, so never the free slot's -1), and back.
 int Muted(int fd) { return -fd - 2; }
+// inUseFlags_ of a slot whose peer hung up: it stays muted until removed, so
+// that its disconnection is logged once, not at every wait.
+constexpr uint8_t kHungUp = 2;
 
 }  // namespace
 
@@ -110,7 +113,9 @@ StatusCode IpcChannelListener::Wait(int32_t timeoutMsec, uint32_t* results) {
   const uint32_t polled = std::min(inUse_, capacity_);
   const StatusCode status = PollSlots(timeoutMsec, results, polled);
   for (uint32_t slot = 0; slot < polled; ++slot) {
-    if (pollEntries_[slot].fd < -1) pollEntries_[slot].fd = Muted(pollEntries_[slot].fd);
+    if (pollEntries_[slot].fd < -1 && inUseFlags_[slot] != kHungUp) {
+      pollEntries_[slot].fd = Muted(pollEntries_[slot].fd);
+    }
   }
   if (status != StatusCode::SUCCESS) return status;
   for (uint32_t slot = 0; slot < polled; ++slot) {
@@ -169,6 +174,7 @@ bool IpcChannelListener::ClassifyEvents(uint32_t* results, uint32_t polled) {
     }
     if ((entry.revents & POLLHUP) != 0) {
       results[slot] = IPC_CHANNEL_DISCONNECTED;
+      inUseFlags_[slot] = kHungUp;
       QWD_LOG_ERROR(kComponent,
                     "IPC channel listener '%s' polled on channel ID %d for POLLIN, got a "
                     "disconnection\n",

@@ -49,7 +49,8 @@ class IpcChannelListener {
   // channels together, so these are the occupied ones) and processes one
   // request on each readable channel. A hang-up or poll error is reported in
   // its slot but does not end the wait: the other slots are polled for the
-  // rest of the time-out (on the installed clock). results needs capacity
+  // rest of the time-out (on the installed clock). A slot whose peer hung up
+  // is reported (and logged) once and then left out until it is removed. results needs capacity
   // entries, filled by slot. SUCCESS whatever the slots' results; IRRELEVANT
   // without channels; TIMEOUT when nothing happened, FAILURE when the poll
   // fails.
@@ -74,7 +75,7 @@ class IpcChannelListener {
   uint32_t inUse_ = 0;                       // occupied slots
   std::unique_ptr<IpcChannel*[]> channels_;  // by slot, not owned
   std::unique_ptr<pollfd[]> pollEntries_;    // by slot, descriptor -1 when free
-  std::unique_ptr<uint8_t[]> inUseFlags_;    // by slot, 1 when occupied
+  std::unique_ptr<uint8_t[]> inUseFlags_;    // by slot, 1 when occupied, 2 when hung up
   const char* name_ = nullptr;               // for log lines, borrowed
 };
 

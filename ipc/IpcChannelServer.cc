@@ -22,6 +22,8 @@ constexpr int kListenBacklog = 2;
 // How long the data record may lag behind its header. A client sends both at
 // once; one that does not must not hold the serving thread.
 constexpr int kDataRecordWaitMsec = 300;
+// At most one warning of dropped replies per channel per watch cycle.
+constexpr int64_t kDropWarnEveryMsec = 2000;
 
 }  // namespace
 
@@ -152,7 +154,22 @@ StatusCode IpcChannel::ProcessRequest(bool strictRead) {
   QWD_LOG_DEBUG(kComponent, "Replying to cmd %d with status %s(%d), reply data len %zu\n",
                 static_cast<int>(request.commandOrStatus), StatusCodeToStr(status),
                 StatusCodeToInt(status), replyLen);
-  return WriteMessage(connectionFd_, reply, replyBuffer_.get());
+  // The serving thread is the whole watchdog: a client that reads none of its
+  // replies must not block it in a send. Its reply is dropped instead.
+  const StatusCode sent = WriteMessage(connectionFd_, reply, replyBuffer_.get(), MSG_DONTWAIT);
+  if (sent != StatusCode::TIMEOUT) return sent;
+  DropReply();
+  return StatusCode::SUCCESS;
+}
+
+void IpcChannel::DropReply() {
+  ++droppedReplies_;
+  const int64_t now = GetCurrentTimeMsec();
+  if (dropWarnedMsec_ >= 0 && now - dropWarnedMsec_ < kDropWarnEveryMsec) return;
+  QWD_LOG_WARN(kComponent, "Dropped %u replies on channel ID %s: the client does not read them\n",
+               droppedReplies_, channelId_.data());
+  dropWarnedMsec_ = now;
+  droppedReplies_ = 0;
 }
 
 StatusCode IpcChannel::HandleRequest(const IpcHeader& request, bool strictRead, size_t* replyLen) {

@@ -169,7 +169,8 @@ void RemovePreviousVersions(const char* version) {
         static_cast<int>(kPathSize)) {
       QWD_LOG_WARN(kComponent, "snprintf warning - removeCmd buffer is too small");
     }
-    if (!IsPlainVersionName(name) || ShellCommandFailed(GetShell().System(command))) {
+    if (!IsPlainVersionName(name) ||
+        ShellCommandFailed(GetShell().Run(command, kShellCommandLimitMsec, nullptr))) {
       QWD_LOG_ERROR(kComponent, "Failed removing prev version '%s'\n", name);
     }
   }

@@ -9,6 +9,7 @@
 
 #include "common/Clock.h"
 #include "common/Log.h"
+#include "common/ProcessTree.h"
 #include "common/ProcessUtils.h"
 #include "watchdog/Config.h"
 #include "watchdog/entities/MonitoredModule.h"
@@ -22,9 +23,12 @@ constexpr int32_t kLowMemoryProcessesLogged = 20;
 // How late a termination request may be noticed during a long sleep.
 constexpr uint32_t kTerminationCheckMsec = 50;
 
-// Children the stops did not wait for (a process that adopted another pid
-// through its heartbeats leaves its forked child behind).
-void ReapExitedChildren() {
+// After the stops, no process the watchdog started may live on (a grandchild,
+// a daemon that left its group): every descendant left gets SIGKILL, and
+// every child that ended (the watchdog inherits orphans as their subreaper)
+// is reaped.
+void EndDescendants() {
+  KillDescendants(GetCachedPid(), 0);
   while (waitpid(-1, nullptr, WNOHANG) > 0) {
   }
 }
@@ -54,7 +58,8 @@ int Watchdog::Run() {
     }
     if (!StopAllEntities()) critical = true;
     const bool cleanupFailed = RunCleanupScript() != StatusCode::SUCCESS;
-    if (!cleanupFailed && terminationRequested != 0) {
+    // A termination ends the watchdog here even when it cut the cleanup short.
+    if (terminationRequested != 0) {
       QWD_LOG_ERROR(kComponent, "Termination signal received! exit...\n");
       WatchdogExit(0);
     }
@@ -90,6 +95,9 @@ bool Watchdog::StartEntities() {
   for (uint32_t slot = 0; slot < kSlotsPerRow; ++slot) {
     MonitoredEntity* entity = SlotEntity(slot);
     if (entity == nullptr) continue;
+    // A start waits up to 20 s for its connection: none begins once
+    // termination is requested.
+    if (terminationRequested != 0) return false;
     if (entity->Start() != StatusCode::SUCCESS) {
       QWD_LOG_ERROR(kComponent, "Failed starting entity '%s'\n", entity->GetName());
       return false;
@@ -192,7 +200,7 @@ bool Watchdog::StopAllEntities() {
     normal.entities[0].reset();
     normal.indices[0] = -1;
   }
-  ReapExitedChildren();
+  EndDescendants();
   return stopped;
 }
 

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "common/CleanExec.h"
 #include "common/FileUtils.h"
 #include "common/Log.h"
 #include "common/Shell.h"
@@ -20,6 +21,9 @@ namespace {
 constexpr uint32_t kComponent = LOGGER_COMPONENT_WATCHDOG;
 constexpr char kControlScript[] = "quillmor_control.sh";
 constexpr char kControlOption[] = "start";
+// A cleanup started once termination is already requested gets this long, so
+// that the whole end stays within two seconds.
+constexpr uint32_t kCleanupOnTerminationMsec = 700;
 
 }  // namespace
 
@@ -29,8 +33,13 @@ StatusCode Watchdog::RunCleanupScript() {
                 currentVersion_.data(), "cleanup.sh");
   QWD_LOG_INFO(kComponent, "Run cleanup script\n");
   // A script that ran and failed is still a cleanup done; only one the shell
-  // could not run at all counts.
-  if (Installation::ShellCommandFailed(GetShell().System(script))) {
+  // could not run at all counts, and one killed at its time limit or by a
+  // termination that arrived while it ran.
+  const bool terminating = terminationRequested != 0;
+  const int result =
+      GetShell().Run(script, terminating ? kCleanupOnTerminationMsec : kShellCommandLimitMsec,
+                     terminating ? nullptr : &terminationRequested);
+  if (Installation::ShellCommandFailed(result)) {
     QWD_LOG_ERROR(kComponent, "Failed doing agent cleanup\n");
     return StatusCode::FAILURE;
   }
@@ -73,6 +82,8 @@ void Watchdog::UpgradeWatchdog() {
   }
   QWD_LOG_INFO(kComponent, "Going to launch: %s %s\n", script, option);
   char* const argv[] = {script, option, nullptr};
+  // The script starts clean, in the watchdog's place: same pid, same group.
+  PrepareExec(false);
   execv(script, argv);
   QWD_LOG_ERROR(kComponent, "execv failed! errno %s(%d)\n", std::strerror(errno), errno);
   WatchdogExit(0);

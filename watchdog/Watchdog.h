@@ -18,12 +18,11 @@
 #include "common/StatusCode.h"
 #include "watchdog/entities/MonitoredEntity.h"
 #include "watchdog/policy/WatchdogThresholdsManager.h"
+#include "watchdog/Termination.h"
 
 // Last path component of argv[0], pointing into it (valid for the whole run);
 // names the pid file.
 extern const char* programName;
-// 0 at start, set to 1 by TermSignalHandler and never cleared; polled by the loops.
-extern volatile std::sig_atomic_t terminationRequested;
 
 // Installs TermSignalHandler for SIGTERM as a one-shot handler: a second
 // SIGTERM gets the default action. Returns the sigaction result.
@@ -75,7 +74,8 @@ class Watchdog {
   void CheckOwnResources();
   // Own resources, memory, log files, zombies and threads, all logged.
   void ResourceReport();
-  // The installed version's cleanup.sh; FAILURE only when it could not run.
+  // The installed version's cleanup.sh; FAILURE only when it could not run
+  // or was killed (at its time limit, or by a termination while it ran).
   StatusCode RunCleanupScript();
   // Replaces this process with the new version's control script.
   [[noreturn]] void UpgradeWatchdog();
@@ -114,7 +114,8 @@ class Watchdog {
   void CreateProcessEntities();
   // The entity in a slot of the current row, or null.
   MonitoredEntity* SlotEntity(uint32_t slot) const;
-  // Starts the row in slot order; false (critical) at the first failure.
+  // Starts the row in slot order; false (critical) at the first failure or
+  // once termination is requested.
   bool StartEntities();
   // Watch cycles until something is wrong.
   WatchEnd Watch();

@@ -1,3 +1,5 @@
+#include <sys/prctl.h>
+
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -14,6 +16,9 @@ int main(int argc, char* argv[]) {
   std::signal(SIGHUP, SIG_IGN);
   std::signal(SIGPIPE, SIG_IGN);
   SetTermSignal();
+  // Orphans of the children (a daemonized agent, a grandchild whose parent
+  // died) become the watchdog's: still its descendants, still stopped by it.
+  prctl(PR_SET_CHILD_SUBREAPER, 1);
 
   std::array<char, kConfigPathSize> configPath{};
   if (!CommandLine::GetConfigPath(argc, argv, configPath)) {

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "common/ProcRoot.h"
+#include "common/Shell.h"
 #include "tests/support/TempDir.h"
 
 namespace {
@@ -36,6 +37,11 @@ TEST(ProcessUtilsTest, MaskBitsSelectCpusBelowTheCount) {
   EXPECT_EQ(1, CPU_COUNT(&now));
   EXPECT_EQ(StatusCode::FAILURE, CommonSetCpuAffinity(0xFFFFFFFF, 0));
   sched_setaffinity(0, sizeof(saved), &saved);
+}
+
+// Past its limit a command is killed (too long for an end-to-end row).
+TEST(ProcessUtilsTest, ShellCommandPastItsLimitIsKilled) {
+  EXPECT_EQ(GetShell().Run("sleep 30", 200, nullptr), -1);
 }
 
 }  // namespace

@@ -13,10 +13,14 @@
 //   text ID [TEXT]   a command with TEXT as data (none when TEXT is absent)
 //   exit N           ends with status N
 //   ignore-term      SIGTERM is ignored (from before the connection)
+//   spawn-grandchild forks a child that pauses for ever, its pid added to
+//                    "<role>.grandchildren"
+//   close            closes its connection and stays
 //   wait             (the end of every line) waits for SIGTERM or SIGKILL
 // Replies go to "<role>.replies" as "<id> <status> <first reply word>". The
 // lines "half", "garbage", "big" and "hangup" alone send one raw request (see
-// RawHeader) and wait for its reply; "never" waits without connecting.
+// RawHeader) and wait for its reply; "flood N" sends N heartbeats and reads
+// no reply; "never" waits without connecting.
 
 #include <signal.h>
 #include <unistd.h>
@@ -84,10 +88,19 @@ int main(int argc, char** argv) {
   const char* socketName =
       role == "quillmorSystemExec" ? kSystemExecSocketName : kUserAgentSocketName;
   if (plan == "never") WaitForSignal();
-  if (const IpcHeader* header = RawHeader(plan)) {
+  const IpcHeader* header = RawHeader(plan);
+  if (header != nullptr || plan.rfind("flood ", 0) == 0) {
     const int fd = socket(AF_UNIX, SOCK_SEQPACKET, 0);
     const sockaddr_un address = UnixSocket::MakeAddress(socketName);
     if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) return 3;
+    const IpcHeader beat{kIpcMagic, sizeof(StatusNotification), 0};
+    StatusNotification note{1, getpid(), {}, {}};
+    SafeStrCopy(note.socketName, socketName);
+    for (int i = header != nullptr ? 0 : std::atoi(steps[1].c_str()); i > 0; --i) {
+      send(fd, &beat, sizeof(beat), 0);
+      send(fd, &note, sizeof(note), 0);
+    }
+    if (header == nullptr) WaitForSignal();
     send(fd, header, sizeof(*header), 0);
     if (plan == "hangup") return 0;
     if (plan == "big") send(fd, std::string(header->length, 'x').data(), header->length, 0);
@@ -148,6 +161,12 @@ int main(int argc, char** argv) {
                             : send(id, text.c_str(), text.empty() ? 0 : text.size() + 1));
     } else if (step == "exit") {
       return std::atoi(steps[++i].c_str());
+    } else if (step == "spawn-grandchild") {
+      const pid_t grandchild = fork();
+      if (grandchild == 0) WaitForSignal();
+      std::ofstream(base + ".grandchildren", std::ios::app) << grandchild << std::endl;
+    } else if (step == "close") {
+      channel.reset();
     }
   }
   WaitForSignal();

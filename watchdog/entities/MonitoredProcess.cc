@@ -12,6 +12,7 @@
 #include "common/FileUtils.h"
 #include "common/Log.h"
 #include "common/ProcRoot.h"
+#include "common/ProcessTree.h"
 #include "common/ProcessUtils.h"
 #include "common/StringUtils.h"
 #include "common/TimeUtils.h"
@@ -92,8 +93,8 @@ void MonitoredProcess::MonitoredProcessCtor(std::unique_ptr<IpcChannel> channel,
   SafeStrCopy(libPath_, libPath);
 
   if (ipcChannel_ &&
-      ipcChannel_->RegisterHandler(CommandId(WatchdogCommand::STATUS_NOTIFY), MonitoredProcessNotifyHandler, this) !=
-          StatusCode::SUCCESS) {
+      ipcChannel_->RegisterHandler(CommandId(WatchdogCommand::STATUS_NOTIFY),
+                                   MonitoredProcessNotifyHandler, this) != StatusCode::SUCCESS) {
     QWD_LOG_ERROR(kComponent, "Failed registering status notify handler for %s\n",
                   binaryName_.data());
   }
@@ -175,9 +176,18 @@ void MonitoredProcess::CheckStatus() {
 }
 
 StatusCode MonitoredProcess::UpdatePid(int32_t pid) {
-  // Stop would send its SIGTERM and SIGKILLs to whatever pid was adopted.
-  if (pid < 2 || pid == GetCachedPid()) {
+  // Stop sends its SIGTERM and SIGKILLs to whatever pid was adopted: only -1
+  // (no process) and processes the watchdog started may be.
+  if (pid != -1 && (pid < 2 || pid == GetCachedPid())) {
     QWD_LOG_ERROR(kComponent, "Refusing PID %d from process '%s'\n", pid, binaryName_.data());
+    return StatusCode::INVALID_PARAM;
+  }
+  // The launched child, its descendants, or an orphan of theirs (a daemonized
+  // agent) that the watchdog inherited as their subreaper. The pid already
+  // adopted was checked then.
+  if (pid != -1 && pid != pid_ && !DescendsFrom(pid, GetCachedPid())) {
+    QWD_LOG_ERROR(kComponent, "Refusing PID %d from process '%s': not started by the watchdog\n",
+                  pid, binaryName_.data());
     return StatusCode::INVALID_PARAM;
   }
   const int64_t now = GetCurrentTimeMsec();
@@ -185,7 +195,7 @@ StatusCode MonitoredProcess::UpdatePid(int32_t pid) {
                 "Got update from process '%s' at '%s', new PID %d, last update before %llu msecs\n",
                 binaryName_.data(), dirPath_.data(), pid,
                 static_cast<unsigned long long>(now - lastSeenMsec_));
-  lastSeenMsec_ = now;
+  if (pid != -1) lastSeenMsec_ = now;
   if (pid == pid_) return StatusCode::SUCCESS;
   QWD_LOG_ERROR(kComponent, "Changing PID for process '%s' from %d to %d\n", binaryName_.data(),
                 pid_, pid);

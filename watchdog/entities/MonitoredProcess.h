@@ -39,8 +39,11 @@ class MonitoredProcess final : public MonitoredEntity {
   // connect. After a failed wait the child's pid is kept, so Stop kills it.
   StatusCode Start() override;
   // Closes the channel, sends SIGTERM and waits up to 600 one-second rounds,
-  // sending SIGKILL every 50. NOT_RUNNING once the pid is gone, FAILED when
-  // it can't be signalled or outlives the rounds; INVALID_PARAM without a pid.
+  // sending SIGKILL every 50. NOT_RUNNING once the pid is gone (a zombie
+  // counts as gone), FAILED when it can't be signalled or outlives the
+  // rounds; INVALID_PARAM without a pid. Once termination is requested,
+  // SIGKILL follows at once and the wait is short. Then whatever is left of
+  // the launched child's process group is killed.
   StatusCode Stop() override;
   // UNKNOWN without a pid or with a cmdline that doesn't name the binary;
   // FAILED after maxLastSeenMsec without heartbeats (when checked). Leaves
@@ -51,8 +54,10 @@ class MonitoredProcess final : public MonitoredEntity {
   // Records new memory and descriptor peaks of the process.
   void CheckResources() override;
   // A heartbeat: refreshes the last-seen time and adopts a pid that differs
-  // from the known one. Pids that a stop must never signal (below 2, or the
-  // watchdog's own) are refused with INVALID_PARAM and change nothing.
+  // from the known one. -1 is stored without refreshing (the next check then
+  // restarts everything). Pids that a stop must never signal (0, other
+  // negatives, 1, the watchdog's own, and any process that does not descend
+  // from the watchdog) are refused with INVALID_PARAM and change nothing.
   virtual StatusCode UpdatePid(int32_t pid);
 
   int32_t GetPid() const { return pid_; }
@@ -71,12 +76,18 @@ class MonitoredProcess final : public MonitoredEntity {
   void RemoveOwnPidFile() const;
   // One waitpid of the escalation; true once waitpid is not to be called again.
   bool ReapChild();
-  // Whether "<proc>/<pid>" is gone.
+  // Whether "<proc>/<pid>" is gone or a zombie.
   bool IsProcessGone() const;
+  // The escalation above (SIGTERM, then SIGKILL every 50 rounds) on pid_.
+  StatusCode StopPid();
+  // SIGKILLs at short intervals once termination is requested; true once the
+  // pid is gone, false when it outlived them.
+  bool KillForTermination();
   // Every end of Stop: forget the pid, store the status.
   StatusCode FinishStop(MonitoredEntityStatus status, StatusCode result);
 
   int32_t pid_ = -1;                             // the child's pid, -1 when not running
+  int32_t launchedPid_ = -1;                     // the forked child, leader of its group; -1: none
   std::unique_ptr<IpcChannel> ipcChannel_;       // server channel on socketName_, or null
   int32_t maxLastSeenMsec_ = 0;                  // longest silence allowed between heartbeats
   int64_t lastSeenMsec_ = 0;                     // last heartbeat or launch, monotonic

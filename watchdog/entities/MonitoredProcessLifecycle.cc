@@ -10,11 +10,15 @@
 #include <cstdio>
 #include <cstring>
 
+#include "common/CleanExec.h"
 #include "common/Clock.h"
 #include "common/FileUtils.h"
 #include "common/Log.h"
 #include "common/ProcRoot.h"
+#include "common/ProcessTree.h"
+#include "common/ProcessUtils.h"
 #include "common/TimeUtils.h"
+#include "watchdog/Termination.h"
 #include "watchdog/entities/MonitoredProcess.h"
 
 extern char** environ;
@@ -28,6 +32,18 @@ constexpr uint32_t kTermGraceMsec = 100;
 constexpr int kStopRounds = 600;
 constexpr int kKillEveryRounds = 50;
 constexpr int kStopRoundMsec = 1000;
+// Once termination is requested the whole exit has two seconds: SIGKILL at
+// once, looked at every 50 ms, for a second at most.
+constexpr uint32_t kTerminationCheckMsec = 50;
+constexpr int kTerminationKills = 20;
+
+// One round's sleep, cut short once termination is requested.
+void SleepRound() {
+  for (int slept = 0; slept < kStopRoundMsec && terminationRequested == 0;
+       slept += static_cast<int>(kTerminationCheckMsec)) {
+    SleepMsec(kTerminationCheckMsec);
+  }
+}
 
 }  // namespace
 
@@ -54,6 +70,7 @@ StatusCode MonitoredProcess::Start() {
     return StatusCode::FAILURE;
   }
   if (child == 0) {
+    PrepareExec(true);
     execve(fullPath_.data(), argv_.data(), environ);
     const int error = errno;
     std::printf("execv for process '%s' failed, errno %s(%d)\n", fullPath_.data(),
@@ -62,6 +79,9 @@ StatusCode MonitoredProcess::Start() {
     // No exit handlers: they belong to the watchdog, not to this copy of it.
     _exit(-1);
   }
+  // Set on both sides: the group must exist before a stop can aim at it.
+  setpgid(child, child);
+  launchedPid_ = child;
   QWD_LOG_INFO(kComponent, "Launched process '%s' at '%s', pid %d\n", binaryName_.data(),
                dirPath_.data(), child);
   maxRssKb_ = 0;
@@ -86,6 +106,15 @@ StatusCode MonitoredProcess::Stop() {
     ipcChannel_->CloseConnection();
     ipcChannel_->CloseServerSocket();
   }
+  const StatusCode result = StopPid();
+  // Whatever the adopted pid was, nothing of the launched child's group
+  // outlives its stop (the loop reaps what dies).
+  if (launchedPid_ > 0) KillDescendants(GetCachedPid(), launchedPid_);
+  launchedPid_ = -1;
+  return result;
+}
+
+StatusCode MonitoredProcess::StopPid() {
   QWD_LOG_VERBOSE(kComponent, "trying to stop process '%s', pid %d\n", fullPath_.data(), pid_);
   // kill() would read 0 and other negatives as process groups, the
   // watchdog's own included: only real pids are signalled.
@@ -111,11 +140,16 @@ StatusCode MonitoredProcess::Stop() {
   bool reaped = fullPath_[0] == '\0';
   for (int round = 0; round < kStopRounds;) {
     if (!reaped) reaped = ReapChild();
-    if (IsProcessGone()) {
+    if (IsProcessGone() || (terminationRequested != 0 && KillForTermination())) {
       QWD_LOG_DEBUG(kComponent, "Process %d is dead\n", pid_);
       QWD_LOG_VERBOSE(kComponent, "Stopped process '%s' (pid %d) at '%s' successfully\n",
                       binaryName_.data(), pid_, dirPath_.data());
       return FinishStop(MonitoredEntityStatus::NOT_RUNNING, StatusCode::SUCCESS);
+    }
+    if (terminationRequested != 0) {
+      QWD_LOG_ERROR(kComponent, "Process %s (pid %d) outlived its SIGKILLs at termination\n",
+                    binaryName_.data(), pid_);
+      return FinishStop(MonitoredEntityStatus::FAILED, StatusCode::FAILURE);
     }
     ++round;
     if (round % kKillEveryRounds == 0) {
@@ -124,7 +158,7 @@ StatusCode MonitoredProcess::Stop() {
                       "Killing pid %d, binary '%s' after previous attempt didn't succeed\n", pid_,
                       binaryName_.data());
     }
-    SleepMsec(kStopRoundMsec);
+    SleepRound();
   }
   QWD_LOG_ERROR(kComponent,
                 "Process %s (pid %d) remained alive %d milli-seconds after first trying to kill "
@@ -153,6 +187,18 @@ bool MonitoredProcess::ReapChild() {
   return true;
 }
 
+bool MonitoredProcess::KillForTermination() {
+  QWD_LOG_WARN(kComponent, "Termination requested: killing pid %d, binary '%s' at once\n", pid_,
+               binaryName_.data());
+  for (int kills = 0; kills < kTerminationKills; ++kills) {
+    kill(pid_, SIGKILL);
+    SleepMsec(kTerminationCheckMsec);
+    if (fullPath_[0] != '\0') waitpid(pid_, nullptr, WNOHANG);
+    if (IsProcessGone()) return true;
+  }
+  return false;
+}
+
 bool MonitoredProcess::IsProcessGone() const {
   char path[64] = {};
   std::snprintf(path, sizeof(path), "%s/%d", GetProcRoot(), pid_);
@@ -163,8 +209,13 @@ bool MonitoredProcess::IsProcessGone() const {
     QWD_LOG_ERROR(kComponent, "opendir on /proc/%d failed. errno = %d\n", pid_, error);
     return false;
   }
-  QWD_LOG_WARN(kComponent, "Process %d is still running\n", pid_);
   closedir(dir);
+  // A zombie takes no more signals; it is reaped by its parent or, once
+  // that is gone, by the watchdog. A stop never waits on one.
+  pid_t parent = 0, group = 0;
+  char state = 0;
+  if (ReadProcessStat(pid_, &parent, &group, &state) && state == 'Z') return true;
+  QWD_LOG_WARN(kComponent, "Process %d is still running\n", pid_);
   return false;
 }
 

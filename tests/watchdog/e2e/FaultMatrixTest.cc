@@ -12,11 +12,19 @@
 #include <functional>
 #include <set>
 
+#include "common/ProcessTree.h"
 #include "tests/watchdog/e2e/WatchdogRun.h"
 
 namespace {
 
 using namespace e2e;
+
+// Whether the process has ended (gone, or a zombie nobody reaped yet).
+bool Ended(pid_t pid) {
+  pid_t parent = 0, group = 0;
+  char state = 0;
+  return !ReadProcessStat(pid, &parent, &group, &state) || state == 'Z';
+}
 
 class FaultMatrixTest : public WatchdogRun {
  protected:
@@ -72,6 +80,7 @@ struct Fault {
   std::function<void()> trigger;  // once all has settled
   std::string answer;             // of the watchdog, in its log or as "<file>:<text>"
   size_t launches;                // of the agent, once all has settled again
+  std::string systemExecPlan = "beat";
 };
 
 TEST_F(FaultMatrixTest, EachFaultGetsItsAnswerAndLeavesNothingBehind) {
@@ -83,6 +92,17 @@ TEST_F(FaultMatrixTest, EachFaultGetsItsAnswerAndLeavesNothingBehind) {
   auto signalAgent = [this](int signal) { kill(LastLaunch("quillmorUserAgent"), signal); };
   const std::string cleanup = ReadWholeFile(version_ + "/cleanup.sh");
   const std::string restart = "Restarting all entities!";
+  // ---- The rows at the end: nothing a child does freezes the watchdog. ----
+  exitSeconds_ = 2;
+  const pid_t stranger = fork();
+  if (stranger == 0) execl("/bin/sleep", "sleep", "600", static_cast<char*>(nullptr));
+  auto oneHangUp = [&] {
+    const size_t seen = Count("got a disconnection");
+    std::this_thread::sleep_for(std::chrono::seconds(4));
+    EXPECT_EQ(Count("got a disconnection"), seen);
+  };
+  auto killSystemExec = [&] { kill(LastLaunch("quillmorSystemExec"), SIGKILL); };
+  const std::string clean = "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n";
   const Fault faults[] = {
       {"agent crash", "beat", nullptr, [&] { signalAgent(SIGKILL); },
        "status is unknown(5). " + restart, 2},
@@ -106,15 +126,23 @@ TEST_F(FaultMatrixTest, EachFaultGetsItsAnswerAndLeavesNothingBehind) {
          }
        },
        nullptr, "plan/cleanup.log:cleanup", 2},
+      // ---- Nothing a child does freezes the watchdog, misdirects its signals
+      // or outlives it (and SIGTERM ends everything within 2 s). ----
+      {"replies never read", "flood 3000\nbeat", [&] { umount(dir_.File("log").c_str()); },
+       killSystemExec, "quillmorSystemExec' status is unknown(5). " + restart, 2},
+      {"stranger's pid", "hb pid " + std::to_string(stranger) + "\nbeat", nullptr, killSystemExec,
+       "Refusing PID " + std::to_string(stranger), 2},
+      {"pid -1", "hb pid -1\nbeat", nullptr, nullptr, "status is unknown(5). " + restart, 2},
+      {"grandchild, SIGTERM ignored", "ignore-term spawn-grandchild beat", nullptr,
+       [&] { signalAgent(SIGKILL); }, "status is unknown(5). " + restart, 2},
+      {"hang-up", "beat", nullptr, oneHangUp, "got a disconnection", 1, "hb close"},
   };
   for (const Fault& fault : faults) {
     SCOPED_TRACE(fault.name);
-    for (const char* file : {"quillmorUserAgent.launches", "quillmorUserAgent.replies",
-                             "quillmorSystemExec.launches", "cleanup.log"}) {
-      fs::remove(dir_.File(std::string("plan/") + file));
-    }
+    fs::remove_all(dir_.File("plan"));
+    fs::create_directory(dir_.File("plan"));
     if (fault.before) fault.before();
-    Start(fault.agentPlan);
+    Start(fault.agentPlan, "", fault.systemExecPlan);
     if (fault.trigger) {
       ASSERT_TRUE(Settled(1));
       fault.trigger();
@@ -130,10 +158,32 @@ TEST_F(FaultMatrixTest, EachFaultGetsItsAnswerAndLeavesNothingBehind) {
     EXPECT_EQ(Descriptors(), healthy);
     EXPECT_EQ(Children(),
               (std::set<pid_t>{LastLaunch("quillmorUserAgent"), LastLaunch("quillmorSystemExec")}));
+    // Started clean: no signal ignored or blocked by inheritance.
+    const std::string inherited =
+        ReadWholeFile("/proc/" + std::to_string(LastLaunch("quillmorSystemExec")) + "/status");
+    EXPECT_NE(inherited.find(clean), std::string::npos) << inherited;
     const int status = Finish(SIGTERM);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    for (const char* file : {"quillmorUserAgent.launches", "quillmorSystemExec.launches",
+                             "quillmorUserAgent.grandchildren"}) {
+      for (const std::string& line : Lines(std::string("plan/") + file)) {
+        EXPECT_TRUE(Ended(std::atoi(line.c_str()))) << line;
+      }
+    }
   }
-  umount(dir_.File("log").c_str());
+  // A cleanup script starts clean; still running at SIGTERM, it is killed
+  // with its children.
+  fs::remove(dir_.File("plan/quillmorUserAgent.launches"));
+  dir_.Write("dl/" + kVersion + "/cleanup.sh", "#!/bin/sh\ncd " + dir_.File("plan") +
+                                                   "\ngrep Sig[BI] /proc/self/status > sigs\n"
+                                                   "sleep 60 &\necho $! > sleeper\nwait\n");
+  Start("hb fail\nbeat");
+  ASSERT_TRUE(WaitFor("plan/sleeper", "\n"));
+  EXPECT_EQ(ReadWholeFile(dir_.File("plan/sigs")), clean);
+  EXPECT_EQ(Finish(SIGTERM), 0);
+  EXPECT_TRUE(Ended(std::atoi(ReadWholeFile(dir_.File("plan/sleeper")).c_str())));
+  EXPECT_FALSE(Ended(stranger));
+  kill(stranger, SIGKILL);
 }
 
 TEST_F(FaultMatrixTest, MissingVersionDirectoryEndsTheStart) {

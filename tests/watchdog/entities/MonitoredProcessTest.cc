@@ -6,6 +6,7 @@
 #include "watchdog/entities/MonitoredProcess.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "common/ProcRoot.h"
 #include "tests/support/FakeClock.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TempDir.h"
@@ -95,7 +97,7 @@ TEST_F(MonitoredProcessTest, NotificationsAreCheckedBeforeTheyAct) {
       {"pid 0", "Refusing PID 0 from process 'qwd_test_child'\n"},
       {"pid 1", "Refusing PID 1 from process 'qwd_test_child'\n"},
       {"pid " + self, "Refusing PID " + self + " from process"},
-      {"pid 4242", "Changing PID for process 'qwd_test_child' from ", Status::RUNNING, 4242},
+      {"pid 4242", "Refusing PID 4242 from process 'qwd_test_child': not started by the watchdog"},
   };
   for (const auto& [plan, line, status, adopted] : kCases) {
     SCOPED_TRACE(line);
@@ -118,8 +120,8 @@ TEST_F(MonitoredProcessTest, NotificationsAreCheckedBeforeTheyAct) {
 }
 
 // A child that set SIGTERM aside dies of the SIGKILL of round 50. A zombie
-// outlives every SIGKILL; as the pid of a process the watchdog did not
-// launch, it is never waited for and sits through the whole escalation.
+// ends the stop at once; one whose state /proc does not show sits through the
+// whole escalation.
 TEST_F(MonitoredProcessTest, StopEscalatesToASigkillEveryFiftyRoundsUpToSixHundred) {
   {
     ScaledClock clock(1000);
@@ -135,6 +137,14 @@ TEST_F(MonitoredProcessTest, StopEscalatesToASigkillEveryFiftyRoundsUpToSixHundr
   auto process = Watched("agent");
   process->UpdatePid(zombie);
   {
+    FakeClock clock;
+    EXPECT_EQ(process->Stop(), StatusCode::SUCCESS);
+  }
+  process->UpdatePid(zombie);
+  TempDir proc;
+  mkdir(proc.File(std::to_string(zombie)).c_str(), 0755);
+  SetProcRoot(proc.path().c_str());
+  {
     ScaledClock clock(10000);
     EXPECT_EQ(process->Stop(), StatusCode::FAILURE);
     EXPECT_EQ(clock.SleptMsec(), 100 + 600 * 1000);
@@ -142,6 +152,7 @@ TEST_F(MonitoredProcessTest, StopEscalatesToASigkillEveryFiftyRoundsUpToSixHundr
   EXPECT_EQ(process->GetStatus(), Status::FAILED);
   EXPECT_EQ(KillRounds(log_),
             (std::vector<size_t>{50, 100, 150, 200, 250, 300, 350, 400, 450, 500, 550, 600}));
+  SetProcRoot(nullptr);
   EXPECT_EQ(waitpid(zombie, nullptr, WNOHANG), zombie);
 }
 
