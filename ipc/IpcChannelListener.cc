@@ -1,5 +1,7 @@
 #include "ipc/IpcChannelListener.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstring>
 #include <new>
@@ -47,7 +49,8 @@ std::unique_ptr<IpcChannelListener> CreateIpcChannelListener(uint32_t capacity, 
 
 bool IpcChannelListener::IpcChannelListenerCtor(uint32_t capacity, const char* name) {
   channels_.reset(new (std::nothrow) IpcChannel*[capacity]());
-  pollEntries_.reset(new (std::nothrow) pollfd[capacity]());
+  // One entry past the slots for the wake descriptor.
+  pollEntries_.reset(new (std::nothrow) pollfd[capacity + 1]());
   inUseFlags_.reset(new (std::nothrow) uint8_t[capacity]());
   if (!channels_ || !pollEntries_ || !inUseFlags_) {
     QWD_LOG_ERROR(kComponent,
@@ -56,7 +59,7 @@ bool IpcChannelListener::IpcChannelListenerCtor(uint32_t capacity, const char* n
                   name);
     return false;
   }
-  for (uint32_t slot = 0; slot < capacity; ++slot) pollEntries_[slot].fd = -1;
+  for (uint32_t slot = 0; slot <= capacity; ++slot) pollEntries_[slot].fd = -1;
   capacity_ = capacity;
   name_ = name;
   return true;
@@ -112,12 +115,80 @@ StatusCode IpcChannelListener::Wait(int32_t timeoutMsec, uint32_t* results) {
   // poll or scan past the arrays.
   const uint32_t polled = std::min(inUse_, capacity_);
   const StatusCode status = PollSlots(timeoutMsec, results, polled);
+  UnmuteFailedSlots(polled);
+  if (status == StatusCode::TIMEOUT) {
+    QWD_LOG_ERROR(kComponent, "IPC channel listener '%s' polling timed out.\n", name_);
+  }
+  if (status != StatusCode::SUCCESS) return status;
+  ProcessTriggered(results, polled);
+  return StatusCode::SUCCESS;
+}
+
+void IpcChannelListener::SetWakeDescriptor(int32_t fd) {
+  pollEntries_[capacity_].fd = fd;
+  pollEntries_[capacity_].events = POLLIN;
+}
+
+StatusCode IpcChannelListener::ServeUntil(int64_t deadlineMsec, uint32_t* results,
+                                          bool (*checkNow)(void*), void* context) {
+  if (!QWD_ASSERT(kComponent, results != nullptr, "results != NULL")) return StatusCode::FAILURE;
+  std::memset(results, 0, capacity_ * sizeof(*results));
+  if (inUse_ == 0) {
+    QWD_LOG_ERROR(kComponent, "Can't wait for zero channels, returning immediately!\n");
+    return StatusCode::IRRELEVANT;
+  }
+  const uint32_t polled = std::min(inUse_, capacity_);
+  pollfd& wake = pollEntries_[capacity_];
+  bool eventSeen = false;
+  for (;;) {
+    const int64_t left = deadlineMsec - GetCurrentTimeMsec();
+    if (left <= 0) break;
+    // Free and muted slots hold negative descriptors, which poll skips.
+    const int ready = PollMsec(pollEntries_.get(), capacity_ + 1, static_cast<int>(left));
+    if (ready < 0) {
+      QWD_LOG_ERROR(kComponent, "IPC channel listener '%s' failed polling. Returned status %d\n",
+                    name_, ready);
+      UnmuteFailedSlots(polled);
+      return StatusCode::FAILURE;
+    }
+    if (ready == 0) break;
+    eventSeen = true;
+    const bool requests = ClassifyEvents(results, polled);
+    if (requests) ProcessTriggered(results, polled);
+    bool checkAtOnce = (wake.revents & POLLIN) != 0;
+    if (checkAtOnce) DrainWakeDescriptor();
+    wake.revents = 0;
+    for (uint32_t slot = 0; slot < polled; ++slot) {
+      checkAtOnce |= results[slot] >= IPC_CHANNEL_DISCONNECTED;
+    }
+    if (checkAtOnce || (requests && checkNow != nullptr && checkNow(context))) {
+      UnmuteFailedSlots(polled);
+      return StatusCode::SUCCESS;
+    }
+  }
+  UnmuteFailedSlots(polled);
+  if (!eventSeen) {
+    QWD_LOG_ERROR(kComponent, "IPC channel listener '%s' polling timed out.\n", name_);
+    return StatusCode::TIMEOUT;
+  }
+  return StatusCode::SUCCESS;
+}
+
+void IpcChannelListener::DrainWakeDescriptor() {
+  char buffer[512];
+  while (read(pollEntries_[capacity_].fd, buffer, sizeof(buffer)) > 0) {
+  }
+}
+
+void IpcChannelListener::UnmuteFailedSlots(uint32_t polled) {
   for (uint32_t slot = 0; slot < polled; ++slot) {
     if (pollEntries_[slot].fd < -1 && inUseFlags_[slot] != kHungUp) {
       pollEntries_[slot].fd = Muted(pollEntries_[slot].fd);
     }
   }
-  if (status != StatusCode::SUCCESS) return status;
+}
+
+void IpcChannelListener::ProcessTriggered(uint32_t* results, uint32_t polled) {
   for (uint32_t slot = 0; slot < polled; ++slot) {
     if (results[slot] != IPC_CHANNEL_TRIGGERED) continue;
     const StatusCode processed = channels_[slot]->ProcessRequest(true);
@@ -131,7 +202,6 @@ StatusCode IpcChannelListener::Wait(int32_t timeoutMsec, uint32_t* results) {
                     name_, StatusCodeToStr(processed), StatusCodeToInt(processed));
     }
   }
-  return StatusCode::SUCCESS;
 }
 
 StatusCode IpcChannelListener::PollSlots(int32_t timeoutMsec, uint32_t* results, uint32_t polled) {
@@ -154,11 +224,7 @@ StatusCode IpcChannelListener::PollSlots(int32_t timeoutMsec, uint32_t* results,
     // once and turn the caller's cycle into a busy loop.
     if (ClassifyEvents(results, polled) || (left < 0 && !AnySlotListening(polled))) break;
   }
-  if (!eventSeen) {
-    QWD_LOG_ERROR(kComponent, "IPC channel listener '%s' polling timed out.\n", name_);
-    return StatusCode::TIMEOUT;
-  }
-  return StatusCode::SUCCESS;
+  return eventSeen ? StatusCode::SUCCESS : StatusCode::TIMEOUT;
 }
 
 bool IpcChannelListener::ClassifyEvents(uint32_t* results, uint32_t polled) {

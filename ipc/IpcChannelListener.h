@@ -55,6 +55,18 @@ class IpcChannelListener {
   // without channels; TIMEOUT when nothing happened, FAILURE when the poll
   // fails.
   virtual StatusCode Wait(int32_t timeoutMsec, uint32_t* results);
+  // A descriptor whose readiness means "look now" (a signalfd of SIGCHLD, a
+  // self-pipe): ServeUntil drains it and returns. -1 for none.
+  void SetWakeDescriptor(int32_t fd);
+  // Serves requests until the deadline (monotonic ms on the installed clock),
+  // returning early when there is reason to look at once: a hang-up, a poll
+  // error or a failed request on a slot, the wake descriptor, or checkNow
+  // (called after each batch of requests) saying so. A plain request is
+  // answered and the wait goes on. results needs capacity entries; a slot
+  // keeps its last result. TIMEOUT (logged) only when the whole window saw
+  // nothing; otherwise as Wait.
+  StatusCode ServeUntil(int64_t deadlineMsec, uint32_t* results, bool (*checkNow)(void*),
+                        void* context);
   // The channel in a slot (null when free or out of range).
   virtual IpcChannel* GetChannelByDescriptor(int32_t slot);
 
@@ -62,19 +74,24 @@ class IpcChannelListener {
   IpcChannelListener() = default;
   bool IpcChannelListenerCtor(uint32_t capacity, const char* name);
   // Polls the first `polled` entries until a request arrives or the time-out
-  // has run out; TIMEOUT when nothing at all happened.
+  // has run out; TIMEOUT (not logged) when nothing at all happened.
   StatusCode PollSlots(int32_t timeoutMsec, uint32_t* results, uint32_t polled);
   // Marks triggered, disconnected and failing slots among the first `polled`,
   // muting the last two (negative descriptor) for the rest of the wait. True when
   // a request is waiting.
   bool ClassifyEvents(uint32_t* results, uint32_t polled);
+  // Runs the request of every triggered slot: processed or failed.
+  void ProcessTriggered(uint32_t* results, uint32_t polled);
+  // Slots muted for a poll error listen again; hung-up ones stay muted.
+  void UnmuteFailedSlots(uint32_t polled);
+  void DrainWakeDescriptor();
   // Whether any of the first `polled` entries is still polled.
   bool AnySlotListening(uint32_t polled) const;
 
   uint32_t capacity_ = 0;                    // number of slots, fixed at creation
   uint32_t inUse_ = 0;                       // occupied slots
   std::unique_ptr<IpcChannel*[]> channels_;  // by slot, not owned
-  std::unique_ptr<pollfd[]> pollEntries_;    // by slot, descriptor -1 when free
+  std::unique_ptr<pollfd[]> pollEntries_;    // by slot, descriptor -1 when free; then the wake entry
   std::unique_ptr<uint8_t[]> inUseFlags_;    // by slot, 1 when occupied, 2 when hung up
   const char* name_ = nullptr;               // for log lines, borrowed
 };

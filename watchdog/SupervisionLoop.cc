@@ -3,7 +3,11 @@
 // the restart policy before the next pass. A single entity is never
 // restarted alone.
 
+#include <sys/signalfd.h>
 #include <sys/wait.h>
+
+#include <cerrno>
+#include <csignal>
 
 #include <cstring>
 
@@ -11,6 +15,7 @@
 #include "common/Log.h"
 #include "common/ProcessTree.h"
 #include "common/ProcessUtils.h"
+#include "common/TimeUtils.h"
 #include "watchdog/Config.h"
 #include "watchdog/entities/MonitoredModule.h"
 #include "watchdog/Watchdog.h"
@@ -85,6 +90,32 @@ int Watchdog::Run() {
   }
 }
 
+bool Watchdog::SomethingToCheck(void* context) {
+  const Watchdog* watchdog = static_cast<const Watchdog*>(context);
+  if (terminationRequested != 0) return true;
+  for (uint32_t slot = 0; slot < kSlotsPerRow; ++slot) {
+    MonitoredEntity* entity = watchdog->SlotEntity(slot);
+    if (entity != nullptr && entity->GetStatus() != MonitoredEntityStatus::RUNNING) return true;
+  }
+  return false;
+}
+
+void Watchdog::WatchChildExits() {
+  // Blocked, SIGCHLD never cuts a poll short with EINTR (which the wait takes
+  // for a failure); its signalfd makes the poll itself return. Children start
+  // with an empty mask whatever the watchdog blocks.
+  sigset_t childExit;
+  sigemptyset(&childExit);
+  sigaddset(&childExit, SIGCHLD);
+  sigprocmask(SIG_BLOCK, &childExit, nullptr);
+  childExitFd_ = signalfd(-1, &childExit, SFD_NONBLOCK | SFD_CLOEXEC);
+  if (childExitFd_ < 0) {
+    QWD_LOG_WARN(kComponent, "No signalfd for SIGCHLD, errno %s(%d): exits are seen at the checks\n",
+                 std::strerror(errno), errno);
+  }
+  listener_->SetWakeDescriptor(childExitFd_);
+}
+
 MonitoredEntity* Watchdog::SlotEntity(uint32_t slot) const {
   const EntityRow& row = entityTable_[policy_.GetCurrentMode()];
   const int32_t index = row.indices[slot];
@@ -125,7 +156,11 @@ Watchdog::WatchEnd Watchdog::Watch() {
       SysResMon::LogProcessesMemConsumption(kLowMemoryProcessesLogged);
     }
     uint32_t results[2] = {};
-    const StatusCode wait = listener_->Wait(kWatchCycleMsec, results);
+    // One check per cycle, on a fixed deadline: plain heartbeats are answered
+    // on the way, and whatever may have changed a status (a child's exit, a
+    // hang-up, a command) cuts the wait short so that it is seen at once.
+    const StatusCode wait = listener_->ServeUntil(GetCurrentTimeMsec() + kWatchCycleMsec, results,
+                                                  &Watchdog::SomethingToCheck, this);
     if (wait != StatusCode::SUCCESS && wait != StatusCode::TIMEOUT) {
       QWD_LOG_ERROR(kComponent, "Listener wait returned %s(%d). Restarting all entities\n",
                     StatusCodeToStr(wait), StatusCodeToInt(wait));

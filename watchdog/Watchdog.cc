@@ -1,5 +1,7 @@
 #include "watchdog/Watchdog.h"
 
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
 
@@ -29,6 +31,10 @@ void TermSignalHandler(int signalNumber, siginfo_t* /*info*/, void* /*context*/)
   QWD_LOG_FROM_SIGNAL(kComponent, LoggerLevel::INFO,
                       "Larkspan termination signal:%d stopping agent and exit\n", signalNumber);
   terminationRequested = 1;
+}
+
+Watchdog::~Watchdog() {
+  if (childExitFd_ >= 0) close(childExitFd_);
 }
 
 void WatchdogExit(int status) {

@@ -54,6 +54,7 @@ class Watchdog {
   static const std::array<IpcHandler, kNumCommandHandlers> kCommandHandlers;
 
   Watchdog() = default;
+  ~Watchdog();
   Watchdog(const Watchdog&) = delete;
   Watchdog& operator=(const Watchdog&) = delete;
 
@@ -119,6 +120,11 @@ class Watchdog {
   bool StartEntities();
   // Watch cycles until something is wrong.
   WatchEnd Watch();
+  // Whether the listener's wait must end for a check now: an entity is no
+  // longer running, or termination was requested.
+  static bool SomethingToCheck(void* watchdog);
+  // SIGCHLD, blocked, read from a signalfd that wakes the listener's wait.
+  void WatchChildExits();
   // Removes the channels, stops in reverse order, drops the kernel module
   // and reaps exited children; false when a stop failed.
   bool StopAllEntities();
@@ -139,6 +145,7 @@ class Watchdog {
   std::array<const char*, 8> safeAgentArgs_{};       // the same with "--safe-mode"
   std::array<EntityRow, OPERATIONAL_MODE_NUM_OF> entityTable_;  // by operational mode
   std::unique_ptr<IpcChannelListener> listener_;                // waits on every process channel
+  int32_t childExitFd_ = -1;  // signalfd of SIGCHLD, the listener's wake descriptor; -1 without
   WatchdogThresholdsManager policy_;  // restart policy; its mode is the row being supervised
   std::array<int32_t, kSlotsPerRow> channelDescriptors_{-1, -1, -1};  // listener slots, by slot
   uint32_t requestedMode_ = OPERATIONAL_MODE_NORMAL;                  // applied after the next stop

@@ -136,6 +136,7 @@ void Watchdog::Init() {
     Config::Teardown();
     WatchdogExit(0);
   }
+  WatchChildExits();
   const char* pidPrefix = Config::GetStrValue(CFG_PID_FILE_PATH);
   if (GetCachedPid() > 0 && pidPrefix[0] != '\0') {
     char pidFile[kPathSize];

@@ -76,6 +76,9 @@ class MonitoredProcess final : public MonitoredEntity {
   void RemoveOwnPidFile() const;
   // One waitpid of the escalation; true once waitpid is not to be called again.
   bool ReapChild();
+  // Sleeps until the pid has exited, at most ceilingMsec; silent.
+  void AwaitExit(uint32_t ceilingMsec) const;
+  bool HasExited() const;
   // Whether "<proc>/<pid>" is gone or a zombie.
   bool IsProcessGone() const;
   // The escalation above (SIGTERM, then SIGKILL every 50 rounds) on pid_.

@@ -36,6 +36,9 @@ constexpr int kStopRoundMsec = 1000;
 // once, looked at every 50 ms, for a second at most.
 constexpr uint32_t kTerminationCheckMsec = 50;
 constexpr int kTerminationKills = 20;
+// Within the grace, how often the stop looks for the exit: the grace is a
+// ceiling, and a process that is quick to go is not waited for any longer.
+constexpr uint32_t kExitPollMsec = 1;
 
 // One round's sleep, cut short once termination is requested.
 void SleepRound() {
@@ -135,7 +138,7 @@ StatusCode MonitoredProcess::StopPid() {
                   binaryName_.data(), std::strerror(error));
     return FinishStop(MonitoredEntityStatus::FAILED, StatusCode::FAILURE);
   }
-  SleepMsec(kTermGraceMsec);
+  AwaitExit(kTermGraceMsec);
   // A process the watchdog did not launch is no child of it: never waited for.
   bool reaped = fullPath_[0] == '\0';
   for (int round = 0; round < kStopRounds;) {
@@ -192,11 +195,26 @@ bool MonitoredProcess::KillForTermination() {
                binaryName_.data());
   for (int kills = 0; kills < kTerminationKills; ++kills) {
     kill(pid_, SIGKILL);
-    SleepMsec(kTerminationCheckMsec);
+    AwaitExit(kTerminationCheckMsec);
     if (fullPath_[0] != '\0') waitpid(pid_, nullptr, WNOHANG);
     if (IsProcessGone()) return true;
   }
   return false;
+}
+
+void MonitoredProcess::AwaitExit(uint32_t ceilingMsec) const {
+  const int64_t deadline = GetCurrentTimeMsec() + ceilingMsec;
+  while (GetCurrentTimeMsec() < deadline && !HasExited()) SleepMsec(kExitPollMsec);
+}
+
+bool MonitoredProcess::HasExited() const {
+  // A child of the watchdog shows its exit without being reaped (the stop
+  // reaps it, and logs how it ended); any other pid is gone or still there.
+  siginfo_t info{};
+  if (waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT) == 0) {
+    return info.si_pid == pid_;
+  }
+  return errno == ECHILD && kill(pid_, 0) != 0 && errno == ESRCH;
 }
 
 bool MonitoredProcess::IsProcessGone() const {
