@@ -4,13 +4,17 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <string>
 
 #include "logger/LoggerUtils.h"
 #include "tests/logger/LogLines.h"
+#include "tests/support/FakeClock.h"
 #include "tests/support/TempDir.h"
 
 namespace {
+
+namespace fs = std::filesystem;
 
 const std::string kMarker = LoggerUtils::kLogFileEndMarker;
 const std::string kHeader = Header("file-target");
@@ -87,19 +91,21 @@ TEST_F(LoggerFileTargetTest, BadConfigurationMakesNoTargetAndAnUnopenableFileKee
   EXPECT_FALSE(Write(*target, Line('a')));
 }
 
-TEST_F(LoggerFileTargetTest, FailedReopenMakesWritesFailUntilANewGenerationOpensAFile) {
-  const std::string logs = dir_.File("logs");
-  ASSERT_EQ(mkdir(logs.c_str(), 0755), 0);
-  auto target = Enabled(150, logs);
+TEST_F(LoggerFileTargetTest, LostDirectoryIsMadeAgainAtMostOnceASecondAndTheLinesLand) {
+  FakeClock clock;
+  const std::string logs = dir_.File("a/logs"), file = logs + "/wd_77_0.0";
+  fs::create_directories(logs);
+  auto target = Enabled(25000, logs);
   ASSERT_TRUE(Write(*target, Line('a')));
-  ASSERT_EQ(unlink((logs + "/wd_77_0.0").c_str()), 0);
-  ASSERT_EQ(rmdir(logs.c_str()), 0);
-  EXPECT_TRUE(Write(*target, Line('b')));  // written, then the rotation fails
-  EXPECT_FALSE(Write(*target, Line('c')));
-  ASSERT_EQ(mkdir(logs.c_str(), 0755), 0);
-  ASSERT_TRUE(target->SetGeneration(1));
-  EXPECT_TRUE(Write(*target, Line('d')));
-  EXPECT_EQ(ReadWholeFile(logs + "/wd_77_1.0"), kHeader + Line('d'));
+  fs::remove_all(dir_.File("a"));
+  ASSERT_TRUE(Write(*target, Line('b')));
+  EXPECT_EQ(ReadWholeFile(file), kHeader + Line('b'));
+  fs::remove_all(logs);
+  Write(*target, Line('c'));  // the same second: not sought again
+  EXPECT_FALSE(fs::exists(file));
+  clock.Advance(1000);
+  ASSERT_TRUE(Write(*target, Line('d')));
+  EXPECT_EQ(ReadWholeFile(file), kHeader + Line('d'));
 }
 
 TEST(LoggerUtilsTest, NamesTheFileOrRefusesANameLongerThanItsBuffer) {
