@@ -40,11 +40,12 @@ StatusCode Reply(uint32_t value, void* reply, size_t replySize, size_t* replyLen
 }
 
 // The version becomes a directory whose control script runs as root, so a
-// text naming another directory ("/", "..", ".") is refused. The empty text
-// names none and takes the upgrade's own way out.
+// text naming another directory ("/", "..", ".") is refused. The texts that
+// have no directory ("", "N/A", "undefined") take the upgrade's own way out.
 bool IsPathLikeVersionText(const char* text) {
-  return std::strchr(text, '/') != nullptr || std::strstr(text, "..") != nullptr ||
-         std::strcmp(text, ".") == 0;
+  return Installation::HasVersionDirectory(text) &&
+         (std::strchr(text, '/') != nullptr || std::strstr(text, "..") != nullptr ||
+          std::strcmp(text, ".") == 0);
 }
 
 }  // namespace

@@ -69,11 +69,13 @@ StatusCode CreateSymLink(const char* directory, const char* fileName, const char
 
 namespace Installation {
 
+bool HasVersionDirectory(const char* version) {
+  return version[0] != '\0' && std::strcmp(version, "N/A") != 0 &&
+         std::strcmp(version, "undefined") != 0;
+}
+
 bool GetVersionDirectory(const char* version, char (&dir)[kPathSize]) {
-  if (version[0] == '\0' || std::strcmp(version, "N/A") == 0 ||
-      std::strcmp(version, "undefined") == 0) {
-    return false;
-  }
+  if (!HasVersionDirectory(version)) return false;
   std::snprintf(dir, sizeof(dir), "%s/%s", Config::GetStrValue(CFG_DOWNLOAD_DIR), version);
   QWD_LOG_INFO(kComponent, "Version directory '%s'\n", dir);
   return true;

@@ -103,6 +103,17 @@ TEST_F(WatchdogRoadsTest, RequestedRestartSafeModeAndUpgradeUnderTheSamePid) {
   EXPECT_TRUE(fs::exists(dir_.File("run/quillmorWD.pid")));
 }
 
+TEST_F(WatchdogRoadsTest, DotVersionsAreRefusedAndNAEndsInTheAbortedUpgrade) {
+  Start("hb text 5 . text 5 .. cmd 4 0 wait\nhb text 5 N/A cmd 4 0 wait");
+  const int status = WaitForExit(20);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  std::string versionReplies;  // a stop may end the agent before its restart's reply
+  for (const std::string& reply : Lines("plan/quillmorUserAgent.replies"))
+    if (reply[0] == '5') versionReplies += reply + ";";
+  EXPECT_EQ(versionReplies, "5 10 0;5 10 0;5 0 0;");
+  EXPECT_EQ(Count("Failed getting new version path after a version upgrade. Aborting"), 1u);
+}
+
 TEST_F(WatchdogRoadsTest, SigtermDuringAPolicyDelayIsPrompt) {
   Start("hb fail\nbeat",
         "Normal1NumEvents=1\nNormal1DurationSec=60\nNormal1Result=1\n"
