@@ -36,8 +36,8 @@ int OpenRegularFileForWriting(const char* path) {
   if (lstat(path, &st) == 0 && !S_ISREG(st.st_mode) && !RemoveTree(path)) return -1;
   // O_NONBLOCK: a fifo planted after the check fails the open instead of
   // blocking it.
-  const int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK,
-                      kFileMode);
+  const int fd =
+      open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, kFileMode);
   if (fd < 0) return -1;
   if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || fchmod(fd, kFileMode) != 0) {
     close(fd);
@@ -56,12 +56,12 @@ bool ReplaceFileAtomically(const char* path, const char* text) {
   const int fd = mkostemp(temporary, O_CLOEXEC);
   if (fd < 0) return false;
   const size_t length = std::strlen(text);
-  const bool written = write(fd, text, length) == static_cast<ssize_t>(length) &&
-                       fchmod(fd, kFileMode) == 0;
+  const bool written =
+      write(fd, text, length) == static_cast<ssize_t>(length) && fchmod(fd, kFileMode) == 0;
   close(fd);
   // rename replaces a link or a file at the path; only a directory must go first.
-  if (!written || (rename(temporary, path) != 0 &&
-                   (!RemoveTree(path) || rename(temporary, path) != 0))) {
+  if (!written ||
+      (rename(temporary, path) != 0 && (!RemoveTree(path) || rename(temporary, path) != 0))) {
     unlink(temporary);
     return false;
   }

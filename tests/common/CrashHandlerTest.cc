@@ -87,10 +87,8 @@ std::string Mask(const std::string& text, const std::string& prefix) {
   return std::regex_replace(text, std::regex(prefix + "[0-9a-f]+"), prefix + "#");
 }
 
-// Recurses until the stack runs out; the volatile frame keeps every call.
-int Overflow(int depth) {
-  volatile char frame[4096];
-  frame[0] = static_cast<char>(depth);
+int Overflow(int depth) {  // until the stack runs out: the volatile frame keeps every call
+  volatile char frame[4096] = {static_cast<char>(depth)};
   return depth < 0 ? 0 : Overflow(depth + 1) + frame[0];
 }
 

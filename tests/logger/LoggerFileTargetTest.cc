@@ -4,17 +4,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <string>
 
 #include "logger/LoggerUtils.h"
 #include "tests/logger/LogLines.h"
-#include "tests/support/FakeClock.h"
 #include "tests/support/TempDir.h"
 
 namespace {
-
-namespace fs = std::filesystem;
 
 const std::string kMarker = LoggerUtils::kLogFileEndMarker;
 const std::string kHeader = Header("file-target");
@@ -89,23 +85,6 @@ TEST_F(LoggerFileTargetTest, BadConfigurationMakesNoTargetAndAnUnopenableFileKee
   ASSERT_EQ(mkdir(longDir.c_str(), 0755), 0);
   auto target = Enabled(25000, longDir);
   EXPECT_FALSE(Write(*target, Line('a')));
-}
-
-TEST_F(LoggerFileTargetTest, LostDirectoryIsMadeAgainAtMostOnceASecondAndTheLinesLand) {
-  FakeClock clock;
-  const std::string logs = dir_.File("a/logs"), file = logs + "/wd_77_0.0";
-  fs::create_directories(logs);
-  auto target = Enabled(25000, logs);
-  ASSERT_TRUE(Write(*target, Line('a')));
-  fs::remove_all(dir_.File("a"));
-  ASSERT_TRUE(Write(*target, Line('b')));
-  EXPECT_EQ(ReadWholeFile(file), kHeader + Line('b'));
-  fs::remove_all(logs);
-  Write(*target, Line('c'));  // the same second: not sought again
-  EXPECT_FALSE(fs::exists(file));
-  clock.Advance(1000);
-  ASSERT_TRUE(Write(*target, Line('d')));
-  EXPECT_EQ(ReadWholeFile(file), kHeader + Line('d'));
 }
 
 TEST(LoggerUtilsTest, NamesTheFileOrRefusesANameLongerThanItsBuffer) {

@@ -14,7 +14,6 @@
 
 #include "ipc/UnixSocket.h"
 #include "tests/watchdog/e2e/WatchdogRun.h"
-#include "tools/qwd-log/LogRecord.h"
 
 namespace {
 
@@ -74,8 +73,8 @@ struct Fault {
   std::function<void()> trigger;  // once all has settled
   std::string answer;             // of the watchdog, in its log or as "<file>:<text>"
   size_t launches;                // of the agent, once all has settled again
-  std::string config = "";                // extra configuration lines
-  std::function<void()> check = nullptr;  // once the watchdog has ended
+  std::string config{};           // extra configuration lines
+  std::function<void()> check{};  // once the watchdog has ended
 };
 
 TEST_F(FaultMatrixTest, EachFaultGetsItsAnswerAndLeavesNothingBehind) {
@@ -87,14 +86,6 @@ TEST_F(FaultMatrixTest, EachFaultGetsItsAnswerAndLeavesNothingBehind) {
   auto signalAgent = [this](int signal) { kill(LastLaunch("quillmorUserAgent"), signal); };
   const std::string cleanup = ReadWholeFile(version_ + "/cleanup.sh");
   const std::string restart = "Restarting all entities!";
-  const std::string dump = "Quillmor_" + kVersion + "_WatchdogStackTrace_0.log";
-  // A list that cannot be opened, where the kernel has one: read as missing.
-  auto hideModuleList = [this] {
-    if (!fs::exists("/proc/modules")) return;
-    const sockaddr_un at = UnixSocket::MakeAddress(dir_.File("plan/modules").c_str());
-    bind(socket(AF_UNIX, SOCK_STREAM, 0), reinterpret_cast<const sockaddr*>(&at), sizeof(at));
-    ASSERT_EQ(mount(at.sun_path, "/proc/modules", nullptr, MS_BIND, nullptr), 0);
-  };
   const Fault faults[] = {
       {"agent crash", "beat", nullptr, [&] { signalAgent(SIGKILL); },
        "status is unknown(5). " + restart, 2},
@@ -120,33 +111,33 @@ TEST_F(FaultMatrixTest, EachFaultGetsItsAnswerAndLeavesNothingBehind) {
        nullptr, "plan/cleanup.log:cleanup", 2},
       // What a child, a setting, a path or the kernel could do to the watchdog
       // itself: each is bounded, named in the log, and supervision goes on.
-      {"stop delay of 49 days", "hb cmd 4 4294967295 wait",
-       [&] { umount(dir_.File("log").c_str()); },  // the full directory above goes
-       nullptr, "Going to sleep for 60000 msecs before stopping entities", 1},
-      {"negative sleeps, a policy row of no events", "hb fail\nbeat", nullptr, nullptr,
-       "Policy at idx 1 for mode 0 with 1 events at 60 seconds was met!", 2,
-       "Normal1NumEvents=0\nNormal2NumEvents=1\nNormal2DurationSec=60\nDelayTimeIncreaseSec=-1\n"
-       "MaxDelayPeriodSec=2\n",
-       [&] { EXPECT_EQ(Count("'DelayTimeIncreaseSec' = -1 is negative, using its default 10"), 1u); }},
-      {"links and a directory at root's paths", "beat",
+      {"stop delay of 49 days, negative sleeps, a policy row of no events",
+       "hb fail\nhb cmd 4 4294967295 wait", [&] { umount(dir_.File("log").c_str()); }, nullptr,
+       "Going to sleep for 60000 msecs before stopping entities", 2,
+       "Normal1NumEvents=0\nNormal2NumEvents=1\nDelayTimeIncreaseSec=-1\nMaxDelayPeriodSec=2\n",
+       [&] {
+         EXPECT_EQ(Count("'DelayTimeIncreaseSec' = -1 is negative, using its default 10"), 1u);
+         EXPECT_EQ(Count("Policy at idx 1 for mode 0 with 1 events at 300 seconds was met!"), 1u);
+       }},
+      {"links and a directory at root's paths, a blank in downloadDir", "beat",
        [&] {
          dir_.Write("plan/victim", "precious");
-         fs::remove(dir_.File("log/" + dump));
-         for (const std::string& at : {std::string("run/quillmorWD.pid"), "log/" + dump})
+         for (const std::string& at : {std::string("run/quillmorWD.pid"),
+                                       "log/Quillmor_" + kVersion + "_WatchdogStackTrace_0.log"}) {
+           fs::remove(dir_.File(at));
            fs::create_symlink(dir_.File("plan/victim"), dir_.File(at));
+         }
          fs::remove("/var/quillmorWatchdogUserAgent.socket");  // the stale socket
          fs::create_directories("/var/quillmorWatchdogUserAgent.socket/stale");
-       },
-       nullptr, "Running watchdogInit", 1, "",
-       [&] { EXPECT_EQ(ReadWholeFile(dir_.File("plan/victim")), "precious"); }},
-      {"a blank in downloadDir", "beat",
-       [&] {
          fs::create_directories(dir_.File("dl x/1.2.3/keep"));
          fs::create_directory_symlink(version_, dir_.File("dl x/" + kVersion));
        },
        nullptr, "Found previous version dir '1.2.3', removing it", 1,
        "downloadDir=\"" + dir_.File("dl x") + "\"\n",
-       [&] { EXPECT_FALSE(fs::exists(dir_.File("dl x/1.2.3"))); }},
+       [&] {
+         EXPECT_EQ(ReadWholeFile(dir_.File("plan/victim")), "precious");
+         EXPECT_FALSE(fs::exists(dir_.File("dl x/1.2.3")));
+       }},
       {"log directory removed", "beat", nullptr,
        [&] {
          fs::remove_all(dir_.File("log"));
@@ -154,17 +145,16 @@ TEST_F(FaultMatrixTest, EachFaultGetsItsAnswerAndLeavesNothingBehind) {
        },
        "status is unknown(5). " + restart, 2, "",
        [&] { EXPECT_EQ(Count("Termination signal received! exit..."), 1u); }},
-      {"account id forging a log line", "hb text 6 x\"},\\n{\"level\":\"FATAL\" wait", nullptr,
-       nullptr, "plan/quillmorUserAgent.replies:6 0 0", 1, "",
-       [&] {
-         std::istringstream log(Log());
-         for (std::string line; std::getline(log, line);) {
-           const LogRecord record = ParseLogLine(line);
-           EXPECT_TRUE(record.kind != LogLineKind::UNPARSED && record.level != "FATAL") << line;
-         }
-       }},
-      {"no module list", "hb cmd 9 wait\nbeat", hideModuleList, nullptr,
-       "Module 'nfmodule' is not loaded", 2, "", [] { umount("/proc/modules"); }},
+      {"account id forging a log line", "hb text 6 x\"},\\n\"forged wait", nullptr, nullptr,
+       "plan/quillmorUserAgent.replies:6 0 0", 1, "", [&] { EXPECT_EQ(Count("\n\"forged"), 0u); }},
+      {"no module list", "hb cmd 9 wait\nbeat",
+       [&] {  // where the kernel has a list, one that cannot be opened
+         const sockaddr_un at = UnixSocket::MakeAddress(dir_.File("plan/modules").c_str());
+         bind(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0),
+              reinterpret_cast<const sockaddr*>(&at), sizeof(at));
+         mount(at.sun_path, "/proc/modules", nullptr, MS_BIND, nullptr);
+       },
+       nullptr, "Module 'nfmodule' is not loaded", 2, "", [] { umount("/proc/modules"); }},
   };
   for (const Fault& fault : faults) {
     SCOPED_TRACE(fault.name);
