@@ -10,8 +10,7 @@
 //   sock NAME        later notifications name socket NAME
 //   noise            a notification of 200 bytes of noise
 //   cmd ID [U32...]  a command with those words as data
-//   text ID [TEXT]   a command with TEXT as data (none when TEXT is absent),
-//                    each "\n" in it a newline
+//   text ID [TEXT]   a command with TEXT as data (none when TEXT is absent)
 //   exit N           ends with status N
 //   ignore-term      SIGTERM is ignored (from before the connection)
 //   wait             (the end of every line) waits for SIGTERM or SIGKILL
@@ -143,8 +142,7 @@ int main(int argc, char** argv) {
         words.push_back(static_cast<uint32_t>(std::strtoul(steps[++i].c_str(), nullptr, 10)));
       }
       const bool hasText = i + 1 < steps.size() && kSteps.count(steps[i + 1]) == 0;
-      std::string text = step == "text" && hasText ? steps[++i] : "";
-      for (size_t at; (at = text.find("\\n")) != std::string::npos;) text.replace(at, 2, "\n");
+      const std::string text = step == "text" && hasText ? steps[++i] : "";
       std::ofstream(base + ".replies", std::ios::app)
           << (step == "cmd" ? send(id, words.data(), words.size() * 4)
                             : send(id, text.c_str(), text.empty() ? 0 : text.size() + 1));

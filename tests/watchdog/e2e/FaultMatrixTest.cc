@@ -86,6 +86,7 @@ TEST_F(FaultMatrixTest, EachFaultGetsItsAnswerAndLeavesNothingBehind) {
   auto signalAgent = [this](int signal) { kill(LastLaunch("quillmorUserAgent"), signal); };
   const std::string cleanup = ReadWholeFile(version_ + "/cleanup.sh");
   const std::string restart = "Restarting all entities!";
+  const std::string dump = "log/Quillmor_" + kVersion + "_WatchdogStackTrace_0.log";
   const Fault faults[] = {
       {"agent crash", "beat", nullptr, [&] { signalAgent(SIGKILL); },
        "status is unknown(5). " + restart, 2},
@@ -122,11 +123,9 @@ TEST_F(FaultMatrixTest, EachFaultGetsItsAnswerAndLeavesNothingBehind) {
       {"links and a directory at root's paths, a blank in downloadDir", "beat",
        [&] {
          dir_.Write("plan/victim", "precious");
-         for (const std::string& at : {std::string("run/quillmorWD.pid"),
-                                       "log/Quillmor_" + kVersion + "_WatchdogStackTrace_0.log"}) {
-           fs::remove(dir_.File(at));
-           fs::create_symlink(dir_.File("plan/victim"), dir_.File(at));
-         }
+         fs::remove(dir_.File(dump));
+         fs::create_symlink(dir_.File("plan/victim"), dir_.File(dump));
+         fs::create_symlink(dir_.File("plan/victim"), dir_.File("run/quillmorWD.pid"));
          fs::remove("/var/quillmorWatchdogUserAgent.socket");  // the stale socket
          fs::create_directories("/var/quillmorWatchdogUserAgent.socket/stale");
          fs::create_directories(dir_.File("dl x/1.2.3/keep"));
@@ -145,10 +144,11 @@ TEST_F(FaultMatrixTest, EachFaultGetsItsAnswerAndLeavesNothingBehind) {
        },
        "status is unknown(5). " + restart, 2, "",
        [&] { EXPECT_EQ(Count("Termination signal received! exit..."), 1u); }},
-      {"account id forging a log line", "hb text 6 x\"},\\n\"forged wait", nullptr, nullptr,
-       "plan/quillmorUserAgent.replies:6 0 0", 1, "", [&] { EXPECT_EQ(Count("\n\"forged"), 0u); }},
+      {"account id forging a log field", "hb text 6 x\",\"level\":\"FATAL wait", nullptr, nullptr,
+       "plan/quillmorUserAgent.replies:6 0 0", 1, "",
+       [&] { EXPECT_EQ(Count("\"level\":\"FATAL"), 0u); }},
       {"no module list", "hb cmd 9 wait\nbeat",
-       [&] {  // where the kernel has a list, one that cannot be opened
+       [&] {  // a list that cannot be opened, where the kernel has one
          const sockaddr_un at = UnixSocket::MakeAddress(dir_.File("plan/modules").c_str());
          bind(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0),
               reinterpret_cast<const sockaddr*>(&at), sizeof(at));
