@@ -1,6 +1,5 @@
 #include "common/CrashHandler.h"
 
-#include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -8,11 +7,13 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <new>
 #include <ctime>
 
 #include "common/LogFormat.h"
 #include "common/Clock.h"
 #include "common/OwnMemoryReader.h"
+#include "common/RootFiles.h"
 #include "common/SignalSafeFormat.h"
 #include "common/StackWalk.h"
 #include "common/TimeUtils.h"
@@ -22,6 +23,9 @@ namespace {
 // The name the crash lines carry as their source file.
 constexpr const char* kSourceFile = "../common/CrashHandler.c";
 constexpr int kHandledSignals[] = {SIGSEGV, SIGBUS, SIGFPE};
+// The handler's own stack: a fault from running out of stack must still
+// leave its dump, so the handler never runs on the stack that overflowed.
+constexpr size_t kAltStackSize = 64 * 1024;
 
 // Process-wide, static, so that the handler never allocates.
 struct CrashState {
@@ -111,6 +115,17 @@ void OnFatalSignal(int signal, siginfo_t*, void* context) {
   abort();
 }
 
+// Allocated once for the process and never freed; the stack is the calling
+// thread's, the one thread of the programs that install the handler.
+void InstallAltStack() {
+  static char* stack = new (std::nothrow) char[kAltStackSize];
+  if (stack == nullptr) return;  // the handler then runs on the faulting stack
+  stack_t alternate = {};
+  alternate.ss_sp = stack;
+  alternate.ss_size = kAltStackSize;
+  sigaltstack(&alternate, nullptr);
+}
+
 }  // namespace
 
 bool SetCrashHandler(const char* directory, const char* name, int32_t pid) {
@@ -121,7 +136,8 @@ bool SetCrashHandler(const char* directory, const char* name, int32_t pid) {
     char path[512];
     SignalSafeFormat(path, sizeof(path), QWD_CRASH_DUMP_NAME_FORMAT, directory, name, pid);
     if (g_crash.dumpFd >= 0) close(g_crash.dumpFd);
-    g_crash.dumpFd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    // Written as root in the log directory: a planted link is removed, never followed.
+    g_crash.dumpFd = OpenRegularFileForWriting(path);
     if (g_crash.dumpFd < 0) {
       const size_t length = SignalSafeFormat(g_crash.line, sizeof(g_crash.line),
                                              "Failed creating crash dump file %s\n", path);
@@ -130,10 +146,11 @@ bool SetCrashHandler(const char* directory, const char* name, int32_t pid) {
     }
     EmitTraceLine(__LINE__, "----- START TRACE pid %d -----", pid);
   }
+  InstallAltStack();
   struct sigaction action = {};
   action.sa_sigaction = OnFatalSignal;
   sigemptyset(&action.sa_mask);
-  action.sa_flags = SA_SIGINFO | SA_RESETHAND;
+  action.sa_flags = SA_SIGINFO | SA_RESETHAND | SA_ONSTACK;
   for (const int signal : kHandledSignals) sigaction(signal, &action, nullptr);
   return true;
 }

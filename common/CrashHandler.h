@@ -15,7 +15,9 @@
 // (a second fault of the same kind ends the process without a trace). Without
 // a directory only the handler is installed and it writes to standard output
 // alone. False, after "Failed creating crash dump file <path>" on standard
-// output, when the file cannot be created.
+// output, when the file cannot be created. The file is a regular file of mode
+// 0644 opened without following links; the handler runs on an alternate
+// stack, so a stack overflow leaves its dump too.
 bool SetCrashHandler(const char* directory, const char* name, int32_t pid);
 
 // Closes the dump file: a later fault is traced on standard output alone.

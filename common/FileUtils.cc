@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "common/RootFiles.h"
 #include "common/io/FileWriter.h"
 
 namespace {
@@ -46,7 +47,9 @@ StatusCode WriteStringToFile(const char* text, const char* path) {
 StatusCode WritePidFile(int32_t pid, const char* path) {
   char text[32];
   std::snprintf(text, sizeof(text), "%d\n", pid);
-  return WriteStringToFile(text, path);
+  // Pid directories may be writable by others: a link planted there must
+  // never make root write through it.
+  return ReplaceFileAtomically(path, text) ? StatusCode::SUCCESS : StatusCode::FAILURE;
 }
 
 StatusCode WriteIntToFile(int32_t value, const char* path) {

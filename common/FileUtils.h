@@ -24,7 +24,7 @@ uint32_t GetFileSizeInBytes(const char* path);
 // Replaces the file's content with text (at most 31 characters in use);
 // SUCCESS when all of it (measured up to 32) was written.
 StatusCode WriteStringToFile(const char* text, const char* path);
-// "%d\n" of the pid.
+// "%d\n" of the pid, in a new file of mode 0644 renamed into place (RootFiles.h).
 StatusCode WritePidFile(int32_t pid, const char* path);
 // "%d" of the value.
 StatusCode WriteIntToFile(int32_t value, const char* path);

@@ -13,6 +13,7 @@
 #include "ipc/UnixSocket.h"
 #include "common/Clock.h"
 #include "common/Log.h"
+#include "common/RootFiles.h"
 #include "common/TimeUtils.h"
 
 namespace {
@@ -42,6 +43,13 @@ StatusCode IpcChannel::ServerInit() {
     return StatusCode::FAILURE;
   }
   socketFd_ = fd;
+  // Whatever sits at the path (a stale socket, a file, a directory, a link)
+  // goes first, removed without following links: bind neither fails on it
+  // nor creates the socket where a link points.
+  if (!RemoveTree(channelId_.data())) {
+    QWD_LOG_ERROR(kComponent, "Can't remove '%s' in the way of channel ID %s, errno %s\n",
+                  channelId_.data(), channelId_.data(), std::strerror(errno));
+  }
   const sockaddr_un address = UnixSocket::MakeAddress(channelId_.data());
   // The socket is born 0600: only its owner and root may even connect.
   const mode_t previousMask = umask(0177);

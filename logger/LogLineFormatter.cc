@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "common/StringUtils.h"
+
 namespace LogLineFormatter {
 
 namespace {
@@ -144,8 +146,12 @@ int32_t FormatLogLineVaArgs(char* buffer, size_t capacity, const char* levelName
 
 int32_t FormatAccountIDHeaderLine(char* buffer, size_t capacity, const char* accountId) {
   if (buffer == nullptr || accountId == nullptr || capacity < kHeaderMinCapacity) return -1;
+  // The id comes from the agent: escaped as a JSON string, no quote, backslash
+  // or newline of its own can end the header early or forge a line after it.
+  char escaped[kHeaderLineLength];
+  if (!EscapeJsonString(accountId, escaped, sizeof(escaped))) return -1;
   // Bounded to the header's width, so an id that does not fit never reaches byte 100.
-  const int length = std::snprintf(buffer, kHeaderLineLength, QWD_LOG_HEADER_FORMAT, accountId);
+  const int length = std::snprintf(buffer, kHeaderLineLength, QWD_LOG_HEADER_FORMAT, escaped);
   if (length < 0 || length >= kHeaderLineLength) return -1;
   std::memset(buffer + length, ' ', static_cast<size_t>(kHeaderLineLength - 1 - length));
   buffer[kHeaderLineLength - 1] = '\n';

@@ -72,7 +72,8 @@ int32_t FormatLogLineVaArgs(char* buffer, size_t capacity, const char* levelName
 
 // The 101-byte header {"account_id": "<id>"}, padded with blanks to byte 100
 // and ended by a newline at byte 100; returns 101. -1 for a capacity below
-// 102 and for an id over 81 characters: such an id cannot be shown in the fixed
+// 102 and for an id over 81 characters once escaped as a JSON string (quotes,
+// backslashes and control characters): such an id cannot be shown in the fixed
 // width, and the header is refused rather than cut or widened, so a header
 // rewritten in place never runs into the first log line.
 int32_t FormatAccountIDHeaderLine(char* buffer, size_t capacity, const char* accountId);

@@ -9,12 +9,16 @@
 
 #include "common/Mutex.h"
 #include "logger/LoggerUtils.h"
+#include "common/RootFiles.h"
 #include "common/StringUtils.h"
+#include "common/TimeUtils.h"
 
 namespace {
 
 constexpr int32_t kWriterBufferSize = 1024;
 constexpr mode_t kLogFileMode = 0644;
+constexpr mode_t kLogDirMode = 0755;
+constexpr int32_t kReopenPeriodSec = 1;  // a lost file is sought at most this often
 
 // The last header written to a file, for every file opened later. Always taken
 // inside the logger lock, never the other way round.
@@ -112,8 +116,22 @@ bool LoggerFileTarget::WriteHeader(const char* text, size_t length) {
   return true;
 }
 
+// A log directory removed under the watchdog must not silence it for good:
+// the lines would go on into an unlinked file, or nowhere.
+void LoggerFileTarget::ReopenIfLost() {
+  struct stat st {};
+  if (writer_ && stat(path_.data(), &st) == 0) return;
+  const int32_t now = GetCurrentTimeInSec();
+  if (now < nextReopenSec_) return;
+  nextReopenSec_ = now + kReopenPeriodSec;
+  MakeDirectories(directory_.get(), kLogDirMode);
+  OpenCurrentFile();
+}
+
 bool LoggerFileTarget::Write(const char* text, size_t length) {
-  if (text == nullptr || length == 0 || !IsEnabled() || !writer_) return false;
+  if (text == nullptr || length == 0 || !IsEnabled()) return false;
+  ReopenIfLost();
+  if (!writer_) return false;
   const size_t written = writer_->Write(text, length, FileWriter::kWriteAndFlush);
   if (written < 1) return false;
   currentSize_ += static_cast<uint32_t>(written);

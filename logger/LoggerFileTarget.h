@@ -32,7 +32,9 @@ class LoggerFileTarget final : public LoggerBaseTarget {
   ~LoggerFileTarget() override = default;
 
   // Appends the line with a flush; false when disabled, without a file (after
-  // a failed reopen) or when nothing could be written.
+  // a failed reopen) or when nothing could be written. A file that is gone
+  // (its directory removed) or was never opened is made again, directory
+  // included, at most once a second, and the line goes into it.
   bool Write(const char* text, size_t length) override;
   // Rewrites the header at offset 0 of the current file and keeps it for the
   // files opened later. A disabled target writes and keeps nothing (true).
@@ -50,6 +52,7 @@ class LoggerFileTarget final : public LoggerBaseTarget {
   bool OpenCurrentFile();
   void CloseCurrentFile();
   bool WriteHeaderAtStart(const char* text, size_t length);
+  void ReopenIfLost();
 
   uint32_t currentSize_ = 0;            // bytes counted in the current file
   uint32_t fileIndex_ = 0;              // current file, 0 .. numFiles_ - 1
@@ -60,4 +63,5 @@ class LoggerFileTarget final : public LoggerBaseTarget {
   std::array<char, kPathSize> path_{};  // name of the current file
   int32_t pid_ = 0;                     // process id in the file names
   std::unique_ptr<FileWriter> writer_;  // the open file, or null
+  int32_t nextReopenSec_ = 0;           // monotonic second of the next reopen allowed
 };

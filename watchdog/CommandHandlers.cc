@@ -3,6 +3,7 @@
 // inside the supervision loop's listener wait and mostly change what the loop
 // reads in the same cycle.
 
+#include <algorithm>
 #include <cstring>
 
 #include "logger/Logger.h"
@@ -19,6 +20,9 @@ namespace {
 
 constexpr uint32_t kComponent = LOGGER_COMPONENT_WATCHDOG;
 constexpr size_t kTextSize = kMaxTextRequestSize;
+// Supervision stops while the requested delay runs: an agent cannot suspend
+// it for longer than this.
+constexpr uint32_t kMaxStopDelayMs = 60 * 1000;
 
 // The request's text, terminated whatever the sender wrote.
 void ReadText(const void* data, size_t dataLen, char (&text)[kTextSize]) {
@@ -35,9 +39,13 @@ StatusCode Reply(uint32_t value, void* reply, size_t replySize, size_t* replyLen
   return StatusCode::SUCCESS;
 }
 
-// The version becomes a directory whose control script runs as root.
-bool IsSafeVersionText(const char* text) {
-  return text[0] != '\0' && std::strchr(text, '/') == nullptr && std::strstr(text, "..") == nullptr;
+// The version becomes a directory whose control script runs as root, so a
+// text naming another directory ("/", "..", ".") is refused. The texts that
+// have no directory ("", "N/A", "undefined") take the upgrade's own way out.
+bool IsPathLikeVersionText(const char* text) {
+  return Installation::HasVersionDirectory(text) &&
+         (std::strchr(text, '/') != nullptr || std::strstr(text, "..") != nullptr ||
+          std::strcmp(text, ".") == 0);
 }
 
 }  // namespace
@@ -100,7 +108,12 @@ StatusCode Watchdog::HandleRestartAll(const void* data, size_t dataLen, void*, s
                                       size_t* replyLen, void* context) {
   *replyLen = 0;
   auto* watchdog = static_cast<Watchdog*>(context);
-  watchdog->stopDelayMs_ = DecodeRecord<RestartAllRequest>(data, dataLen).delayMsec;
+  const uint32_t delayMs = DecodeRecord<RestartAllRequest>(data, dataLen).delayMsec;
+  if (delayMs > kMaxStopDelayMs) {
+    QWD_LOG_WARN(kComponent, "Stop delay of %u msecs asked for, %u at most: using %u\n", delayMs,
+                 kMaxStopDelayMs, kMaxStopDelayMs);
+  }
+  watchdog->stopDelayMs_ = std::min(delayMs, kMaxStopDelayMs);
   watchdog->RestartAllEntities();
   return StatusCode::SUCCESS;
 }
@@ -112,7 +125,8 @@ StatusCode Watchdog::HandleNewestVersion(const void* data, size_t dataLen, void*
   char text[kTextSize];
   ReadText(data, dataLen, text);
   QWD_LOG_INFO(kComponent, "Got newest Quillmor version from agent [%s]", text);
-  if (!IsSafeVersionText(text)) {
+  // A request without any data carries no version at all.
+  if (dataLen == 0 || IsPathLikeVersionText(text)) {
     QWD_LOG_ERROR(kComponent, "Refusing newest version '%s': not a version directory name\n", text);
     return StatusCode::INVALID_PARAM;
   }

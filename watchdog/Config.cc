@@ -257,4 +257,12 @@ void SetBoolValue(uint32_t key, bool value) {
 
 void ResetToDefaults() { cfgValues = Defaults(); }
 
+void ResetIfNegative(uint32_t key) {
+  if (!HasType(key, CFG_TYPE_INT) || cfgValues[key].i >= 0) return;
+  QWD_LOG_WARN(kComponent, "Config value '%s' = %d is negative, using its default %d\n",
+               kKeys[key].name, static_cast<int>(cfgValues[key].i),
+               static_cast<int>(kKeys[key].defaultValue.i));
+  cfgValues[key].i = kKeys[key].defaultValue.i;
+}
+
 }  // namespace Config

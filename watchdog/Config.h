@@ -80,4 +80,8 @@ void SetBoolValue(uint32_t key, bool value);
 // start each case from a clean table.
 void ResetToDefaults();
 
+// A negative value of an integer key goes back to the key's default, with a
+// WARN naming the key, the value and the default.
+void ResetIfNegative(uint32_t key);
+
 }  // namespace Config

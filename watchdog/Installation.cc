@@ -13,7 +13,7 @@
 
 #include "common/FileUtils.h"
 #include "common/Log.h"
-#include "common/Shell.h"
+#include "common/RootFiles.h"
 #include "common/StringUtils.h"
 #include "watchdog/Config.h"
 #include "watchdog/StartupReport.h"
@@ -54,17 +54,6 @@ constexpr const char* kExecutables[] = {"quillmorUserAgent",   "quillmorSystemEx
                                         "quillmorKernelAgent", "cleanup.sh",
                                         "quillmor_control.sh", "quillmor_teardown.sh"};
 
-// The removal runs through the shell: a name that could reach past its own
-// directory (a blank, a separator, a metacharacter) is never handed to it.
-bool IsPlainVersionName(const char* name) {
-  for (const char* c = name; *c != '\0'; ++c) {
-    if (std::isalnum(static_cast<unsigned char>(*c)) == 0 && *c != '.' && *c != '-' && *c != '_') {
-      return false;
-    }
-  }
-  return std::strstr(name, "..") == nullptr;
-}
-
 }  // namespace
 
 StatusCode CreateSymLink(const char* directory, const char* fileName, const char* linkPath) {
@@ -83,11 +72,13 @@ StatusCode CreateSymLink(const char* directory, const char* fileName, const char
 
 namespace Installation {
 
+bool HasVersionDirectory(const char* version) {
+  return version[0] != '\0' && std::strcmp(version, "N/A") != 0 &&
+         std::strcmp(version, "undefined") != 0;
+}
+
 bool GetVersionDirectory(const char* version, char (&dir)[kPathSize]) {
-  if (version[0] == '\0' || std::strcmp(version, "N/A") == 0 ||
-      std::strcmp(version, "undefined") == 0) {
-    return false;
-  }
+  if (!HasVersionDirectory(version)) return false;
   std::snprintf(dir, sizeof(dir), "%s/%s", Config::GetStrValue(CFG_DOWNLOAD_DIR), version);
   QWD_LOG_INFO(kComponent, "Version directory '%s'\n", dir);
   return true;
@@ -164,13 +155,13 @@ void RemovePreviousVersions(const char* version) {
       continue;
     }
     QWD_LOG_INFO(kComponent, "Found previous version dir '%s', removing it\n", name);
-    char command[kPathSize];
-    if (std::snprintf(command, kPathSize - 1, "rm -rf %s/%s", downloadDir, name) >=
-        static_cast<int>(kPathSize)) {
-      QWD_LOG_WARN(kComponent, "snprintf warning - removeCmd buffer is too small");
-    }
-    if (!IsPlainVersionName(name) ||
-        ShellCommandFailed(GetShell().Run(command, kShellCommandLimitMsec, nullptr))) {
+    // Removed in-process and without following links: no shell ever parses
+    // the path, so a blank in downloadDir cannot make it reach a sibling tree.
+    char path[kPathSize];
+    const bool fits = std::snprintf(path, sizeof(path), "%s/%s", downloadDir, name) <
+                      static_cast<int>(sizeof(path));
+    if (!fits) QWD_LOG_WARN(kComponent, "snprintf warning - removeCmd buffer is too small");
+    if (!fits || !RemoveTree(path)) {
       QWD_LOG_ERROR(kComponent, "Failed removing prev version '%s'\n", name);
     }
   }

@@ -16,6 +16,8 @@ constexpr size_t kPathSize = 512;
 constexpr size_t kDirNameSize = 257;
 constexpr size_t kBaseNameSize = 65;
 
+// False for an empty version, "N/A" or "undefined", which have no directory.
+bool HasVersionDirectory(const char* version);
 // "<downloadDir>/<version>" into dir, logged; false for an empty version,
 // "N/A" or "undefined", which have no directory.
 bool GetVersionDirectory(const char* version, char (&dir)[kPathSize]);

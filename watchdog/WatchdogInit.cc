@@ -109,6 +109,13 @@ void Watchdog::Init() {
     WatchdogExit(-1);
   }
   SetCrashAccountIdSource(Logger::GetAccountIdString);
+  // The watchdog sleeps on these: a negative number would become a sleep of
+  // days once taken as unsigned, so it gives way to the default. Zero keeps
+  // its meaning, no sleep.
+  for (const ConfigKey key : {CFG_DELAY_TIME_INCREASE_SEC, CFG_MAX_DELAY_PERIOD_SEC,
+                              CFG_SLEEP_ON_CRITICAL_ERROR_SEC}) {
+    Config::ResetIfNegative(key);
+  }
   if (policy_.Init() != StatusCode::SUCCESS) {
     QWD_LOG_ERROR(kComponent, "Failed initializing the restart policies: restarts are not limited\n");
   }

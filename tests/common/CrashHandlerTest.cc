@@ -87,7 +87,15 @@ std::string Mask(const std::string& text, const std::string& prefix) {
   return std::regex_replace(text, std::regex(prefix + "[0-9a-f]+"), prefix + "#");
 }
 
-TEST(CrashHandlerTest, FaultWritesTheTraceToStdoutAndDumpThenAborts) {
+int Overflow(int depth) {  // until the stack runs out: the volatile frame keeps every call
+  volatile char frame[4096] = {static_cast<char>(depth)};
+  return depth < 0 ? 0 : Overflow(depth + 1) + frame[0];
+}
+
+class CrashHandlerTest : public ::testing::TestWithParam<bool> {};  // a stack overflow?
+INSTANTIATE_TEST_SUITE_P(NullWriteAndStackOverflow, CrashHandlerTest, ::testing::Bool());
+
+TEST_P(CrashHandlerTest, FaultWritesTheTraceToStdoutAndDumpThenAborts) {
   TempDir dir;
   const pid_t child = fork();
   if (child == 0) {
@@ -97,7 +105,7 @@ TEST(CrashHandlerTest, FaultWritesTheTraceToStdoutAndDumpThenAborts) {
     if (SetCrashHandler(dir.path().c_str(), "wd", 0)) {
       errno = EDOM;
       int* volatile unmapped = reinterpret_cast<int*>(16);  // below any mapping
-      *unmapped = 1;
+      *unmapped = GetParam() ? Overflow(0) : 1;
     }
     _exit(1);
   }

@@ -87,19 +87,4 @@ TEST_F(LoggerFileTargetTest, BadConfigurationMakesNoTargetAndAnUnopenableFileKee
   EXPECT_FALSE(Write(*target, Line('a')));
 }
 
-TEST_F(LoggerFileTargetTest, FailedReopenMakesWritesFailUntilANewGenerationOpensAFile) {
-  const std::string logs = dir_.File("logs");
-  ASSERT_EQ(mkdir(logs.c_str(), 0755), 0);
-  auto target = Enabled(150, logs);
-  ASSERT_TRUE(Write(*target, Line('a')));
-  ASSERT_EQ(unlink((logs + "/wd_77_0.0").c_str()), 0);
-  ASSERT_EQ(rmdir(logs.c_str()), 0);
-  EXPECT_TRUE(Write(*target, Line('b')));  // written, then the rotation fails
-  EXPECT_FALSE(Write(*target, Line('c')));
-  ASSERT_EQ(mkdir(logs.c_str(), 0755), 0);
-  ASSERT_TRUE(target->SetGeneration(1));
-  EXPECT_TRUE(Write(*target, Line('d')));
-  EXPECT_EQ(ReadWholeFile(logs + "/wd_77_1.0"), kHeader + Line('d'));
-}
-
 }  // namespace

@@ -70,7 +70,10 @@ const char* MonitoredModule::GetName() { return moduleName_.data(); }
 StatusCode MonitoredModule::IsModuleLoaded(bool* loaded) {
   if (!QWD_ASSERT(kComponent, loaded != nullptr, "NULL != isLoaded")) return StatusCode::FAILURE;
   const char* path = GetKernelModuleApi().ModulesListPath();
-  auto reader = OpenReader(path);
+  // Opened on the first read: a kernel without the list (no module support)
+  // reads as empty, so the module counts as not loaded instead of leaving
+  // its stop to ten seconds of retries and a critical error.
+  auto reader = CreateFileReader(path, 1);
   if (!reader) {
     QWD_LOG_ERROR(kComponent, "Can't create file reader, path %s\n", path);
     return StatusCode::FAILURE;

@@ -32,7 +32,8 @@ class MonitoredModule final : public MonitoredEntity {
   const char* GetName() override;
 
   // Whether any line of the module list contains the module name (a plain
-  // substring test). FAILURE, with loaded untouched, when the list can't be read.
+  // substring test). A missing list reads as empty: not loaded. FAILURE, with
+  // loaded untouched, only when no reader can be made for it.
   StatusCode IsModuleLoaded(bool* loaded);
 
  private:

@@ -33,9 +33,12 @@ uint32_t NowSec() { return static_cast<uint32_t>(GetCurrentTimeInSec()); }
 }  // namespace
 
 // A disabled policy ahead of an enabled one leaves a null inside the walked
-// range; it is reported and then skipped.
+// range; it is reported and then skipped. A policy disabled at load was named
+// then and is skipped quietly.
 Threshold* WatchdogThresholdsManager::WalkedThreshold(uint32_t i) {
-  Threshold* threshold = policies_[currentMode_][i].threshold.get();
+  const Policy& policy = policies_[currentMode_][i];
+  Threshold* threshold = policy.threshold.get();
+  if (threshold == nullptr && policy.result != POLICY_RESULT_NONE) return nullptr;
   QWD_ASSERT(kComponent, threshold != nullptr, "NULL != policies[g_currentMode][i].threshold");
   return threshold;
 }
@@ -66,11 +69,12 @@ StatusCode WatchdogThresholdsManager::Init() {
       policy.threshold = Threshold::Create(Config::GetIntValue(keys.numEvents),
                                            Config::GetIntValue(keys.durationSec));
       if (!policy.threshold) {
+        // One bad row must not take the others with it: it alone is disabled
+        // (it keeps its place in the walk, with no threshold to meet).
         QWD_LOG_ERROR(kComponent, "Failed to create watchdog threshold \n");
-        // No policy is counted yet, so this releases nothing: the thresholds
-        // created so far stay in their slots.
-        Teardown();
-        return StatusCode::OUT_OF_MEMORY;
+        QWD_LOG_ERROR(kComponent, "Policy disabled: '%s' = %d, '%s' = %d make no threshold\n",
+                      Config::GetName(keys.numEvents), Config::GetIntValue(keys.numEvents),
+                      Config::GetName(keys.durationSec), Config::GetIntValue(keys.durationSec));
       }
     }
   }

@@ -40,8 +40,9 @@ class WatchdogThresholdsManager {
   // Reads the six policies and the delay keys, starting from normal mode with
   // no violations. A policy is enabled by a non-zero result; enabled policies
   // must come first in their mode, since only the first (number enabled) are
-  // walked. OUT_OF_MEMORY when a threshold cannot be created (also for an
-  // enabled policy of fewer than one event).
+  // walked. A policy whose threshold cannot be created (fewer than one event,
+  // or no memory) is disabled with an ERROR naming it; the others stay in
+  // force. Always SUCCESS.
   StatusCode Init();
 
   // All entities were started: a new run begins in every policy of the mode.

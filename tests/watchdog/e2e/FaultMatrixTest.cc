@@ -13,6 +13,7 @@
 #include <set>
 
 #include "common/ProcessTree.h"
+#include "ipc/UnixSocket.h"
 #include "tests/watchdog/e2e/WatchdogRun.h"
 
 namespace {
@@ -80,6 +81,8 @@ struct Fault {
   std::function<void()> trigger;  // once all has settled
   std::string answer;             // of the watchdog, in its log or as "<file>:<text>"
   size_t launches;                // of the agent, once all has settled again
+  std::string config{};           // extra configuration lines
+  std::function<void()> check{};  // once the watchdog has ended
   std::string systemExecPlan = "beat";
 };
 
@@ -92,6 +95,7 @@ TEST_F(FaultMatrixTest, EachFaultGetsItsAnswerAndLeavesNothingBehind) {
   auto signalAgent = [this](int signal) { kill(LastLaunch("quillmorUserAgent"), signal); };
   const std::string cleanup = ReadWholeFile(version_ + "/cleanup.sh");
   const std::string restart = "Restarting all entities!";
+  const std::string dump = "log/Quillmor_" + kVersion + "_WatchdogStackTrace_0.log";
   // ---- The rows at the end: nothing a child does freezes the watchdog. ----
   exitSeconds_ = 2;
   const pid_t stranger = fork();
@@ -126,6 +130,51 @@ TEST_F(FaultMatrixTest, EachFaultGetsItsAnswerAndLeavesNothingBehind) {
          }
        },
        nullptr, "plan/cleanup.log:cleanup", 2},
+      // What a child, a setting, a path or the kernel could do to the watchdog
+      // itself: each is bounded, named in the log, and supervision goes on.
+      {"stop delay of 49 days, negative sleeps, a policy row of no events",
+       "hb fail\nhb cmd 4 4294967295 wait", [&] { umount(dir_.File("log").c_str()); }, nullptr,
+       "Going to sleep for 60000 msecs before stopping entities", 2,
+       "Normal1NumEvents=0\nNormal2NumEvents=1\nDelayTimeIncreaseSec=-1\nMaxDelayPeriodSec=2\n",
+       [&] {
+         EXPECT_EQ(Count("'DelayTimeIncreaseSec' = -1 is negative, using its default 10"), 1u);
+         EXPECT_EQ(Count("Policy at idx 1 for mode 0 with 1 events at 300 seconds was met!"), 1u);
+       }},
+      {"links and a directory at root's paths, a blank in downloadDir", "beat",
+       [&] {
+         dir_.Write("plan/victim", "precious");
+         fs::remove(dir_.File(dump));
+         fs::create_symlink(dir_.File("plan/victim"), dir_.File(dump));
+         fs::create_symlink(dir_.File("plan/victim"), dir_.File("run/quillmorWD.pid"));
+         fs::remove("/var/quillmorWatchdogUserAgent.socket");  // the stale socket
+         fs::create_directories("/var/quillmorWatchdogUserAgent.socket/stale");
+         fs::create_directories(dir_.File("dl x/1.2.3/keep"));
+         fs::create_directory_symlink(version_, dir_.File("dl x/" + kVersion));
+       },
+       nullptr, "Found previous version dir '1.2.3', removing it", 1,
+       "downloadDir=\"" + dir_.File("dl x") + "\"\n",
+       [&] {
+         EXPECT_EQ(ReadWholeFile(dir_.File("plan/victim")), "precious");
+         EXPECT_FALSE(fs::exists(dir_.File("dl x/1.2.3")));
+       }},
+      {"log directory removed", "beat", nullptr,
+       [&] {
+         fs::remove_all(dir_.File("log"));
+         signalAgent(SIGKILL);
+       },
+       "status is unknown(5). " + restart, 2, "",
+       [&] { EXPECT_EQ(Count("Termination signal received! exit..."), 1u); }},
+      {"account id forging a log field", "hb text 6 x\",\"level\":\"FATAL wait", nullptr, nullptr,
+       "plan/quillmorUserAgent.replies:6 0 0", 1, "",
+       [&] { EXPECT_EQ(Count("\"level\":\"FATAL"), 0u); }},
+      {"no module list", "hb cmd 9 wait\nbeat",
+       [&] {  // a list that cannot be opened, where the kernel has one
+         const sockaddr_un at = UnixSocket::MakeAddress(dir_.File("plan/modules").c_str());
+         bind(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0),
+              reinterpret_cast<const sockaddr*>(&at), sizeof(at));
+         mount(at.sun_path, "/proc/modules", nullptr, MS_BIND, nullptr);
+       },
+       nullptr, "Module 'nfmodule' is not loaded", 2, "", [] { umount("/proc/modules"); }},
       // ---- Nothing a child does freezes the watchdog, misdirects its signals
       // or outlives it (and SIGTERM ends everything within 2 s). ----
       {"replies never read", "flood 3000\nbeat", [&] { umount(dir_.File("log").c_str()); },
@@ -135,14 +184,14 @@ TEST_F(FaultMatrixTest, EachFaultGetsItsAnswerAndLeavesNothingBehind) {
       {"pid -1", "hb pid -1\nbeat", nullptr, nullptr, "status is unknown(5). " + restart, 2},
       {"grandchild, SIGTERM ignored", "ignore-term spawn-grandchild beat", nullptr,
        [&] { signalAgent(SIGKILL); }, "status is unknown(5). " + restart, 2},
-      {"hang-up", "beat", nullptr, oneHangUp, "got a disconnection", 1, "hb close"},
+      {"hang-up", "beat", nullptr, oneHangUp, "got a disconnection", 1, "", nullptr, "hb close"},
   };
   for (const Fault& fault : faults) {
     SCOPED_TRACE(fault.name);
     fs::remove_all(dir_.File("plan"));
     fs::create_directory(dir_.File("plan"));
     if (fault.before) fault.before();
-    Start(fault.agentPlan, "", fault.systemExecPlan);
+    Start(fault.agentPlan, fault.config, fault.systemExecPlan);
     if (fault.trigger) {
       ASSERT_TRUE(Settled(1));
       fault.trigger();
@@ -164,6 +213,7 @@ TEST_F(FaultMatrixTest, EachFaultGetsItsAnswerAndLeavesNothingBehind) {
     EXPECT_NE(inherited.find(clean), std::string::npos) << inherited;
     const int status = Finish(SIGTERM);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    if (fault.check) fault.check();
     for (const char* file : {"quillmorUserAgent.launches", "quillmorSystemExec.launches",
                              "quillmorUserAgent.grandchildren"}) {
       for (const std::string& line : Lines(std::string("plan/") + file)) {

@@ -103,6 +103,14 @@ TEST_F(WatchdogRoadsTest, RequestedRestartSafeModeAndUpgradeUnderTheSamePid) {
   EXPECT_TRUE(fs::exists(dir_.File("run/quillmorWD.pid")));
 }
 
+TEST_F(WatchdogRoadsTest, DotVersionsAreRefusedAndNAEndsInTheAbortedUpgrade) {
+  Start("hb text 5 . text 5 .. exit 1\nhb text 5 N/A exit 1");
+  EXPECT_EQ(WaitForExit(20), 0);
+  EXPECT_EQ(Lines("plan/quillmorUserAgent.replies"),
+            (std::vector<std::string>{"5 10 0", "5 10 0", "5 0 0"}));
+  EXPECT_EQ(Count("Failed getting new version path after a version upgrade. Aborting"), 1u);
+}
+
 TEST_F(WatchdogRoadsTest, SigtermDuringAPolicyDelayIsPrompt) {
   Start("hb fail\nbeat",
         "Normal1NumEvents=1\nNormal1DurationSec=60\nNormal1Result=1\n"
