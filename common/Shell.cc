@@ -68,3 +68,22 @@ Seam<Shell>& SeamOf<Shell>() {
 Shell& GetShell() { return g_shell.Get(); }
 
 Shell* InstallShell(Shell* shell) { return g_shell.Install(shell); }
+
+bool QuoteForShell(const char* text, char* out, size_t size) {
+  size_t used = 0;
+  const auto put = [&](const char* piece) {
+    for (; *piece != '\0'; ++piece) {
+      if (used + 1 >= size) return false;
+      out[used++] = *piece;
+    }
+    return true;
+  };
+  bool fits = put("'");
+  for (const char* c = text; fits && *c != '\0'; ++c) {
+    const char one[2] = {*c, '\0'};
+    fits = put(*c == '\'' ? "'\\''" : one);
+  }
+  fits = fits && put("'");
+  if (size > 0) out[fits ? used : 0] = '\0';
+  return fits;
+}

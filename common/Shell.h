@@ -5,6 +5,7 @@
 // the watchdog uses for every command of its own.
 
 #include <csignal>
+#include <cstddef>
 #include <cstdint>
 
 #include "common/Seam.h"
@@ -12,6 +13,10 @@
 // The real runner behind Shell::Run.
 int RunShellCommand(const char* command, uint32_t limitMsec,
                     const volatile std::sig_atomic_t* interrupt);
+
+// text as one single-quoted shell word (a quote becomes '\''), so that no
+// blank or metacharacter in a path is ever parsed. False when it does not fit.
+bool QuoteForShell(const char* text, char* out, size_t size);
 
 // Longest any command the watchdog runs through a shell may take: a script
 // that hangs must not hold supervision.

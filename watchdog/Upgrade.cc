@@ -32,12 +32,15 @@ StatusCode Watchdog::RunCleanupScript() {
   std::snprintf(script, sizeof(script), "%s/%s/%s", Config::GetStrValue(CFG_DOWNLOAD_DIR),
                 currentVersion_.data(), "cleanup.sh");
   QWD_LOG_INFO(kComponent, "Run cleanup script\n");
+  // The path is the configuration's: quoted, a blank in it stays a blank.
+  char command[2 * kPathSize];
+  QuoteForShell(script, command, sizeof(command));
   // A script that ran and failed is still a cleanup done; only one the shell
   // could not run at all counts, and one killed at its time limit or by a
   // termination that arrived while it ran.
   const bool terminating = terminationRequested != 0;
   const int result =
-      GetShell().Run(script, terminating ? kCleanupOnTerminationMsec : kShellCommandLimitMsec,
+      GetShell().Run(command, terminating ? kCleanupOnTerminationMsec : kShellCommandLimitMsec,
                      terminating ? nullptr : &terminationRequested);
   if (Installation::ShellCommandFailed(result)) {
     QWD_LOG_ERROR(kComponent, "Failed doing agent cleanup\n");
