@@ -13,7 +13,7 @@ bool ReadProcessStat(pid_t pid, pid_t* parent, pid_t* group, char* state);
 // Whether ancestor is reached by walking pid's chain of parents (pid itself
 // excluded).
 bool DescendsFrom(pid_t pid, pid_t ancestor);
-// SIGKILL to every living descendant of ancestor, only to the members of
-// process group `group` when it is above 0, until a pass finds none (a few
+// SIGKILL to every living descendant of ancestor or, when `group` is above 0,
+// to every member of that process group, until a pass finds none (a few
 // passes at most, so that a forking process cannot hold the caller).
 void KillDescendants(pid_t ancestor, pid_t group);

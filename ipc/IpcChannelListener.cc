@@ -104,13 +104,19 @@ void IpcChannelListener::RemoveChannel(int32_t slot) {
   --inUse_;
 }
 
-StatusCode IpcChannelListener::Wait(int32_t timeoutMsec, uint32_t* results) {
+StatusCode IpcChannelListener::PrepareWait(uint32_t* results) {
   if (!QWD_ASSERT(kComponent, results != nullptr, "results != NULL")) return StatusCode::FAILURE;
   std::memset(results, 0, capacity_ * sizeof(*results));
   if (inUse_ == 0) {
     QWD_LOG_ERROR(kComponent, "Can't wait for zero channels, returning immediately!\n");
     return StatusCode::IRRELEVANT;
   }
+  return StatusCode::SUCCESS;
+}
+
+StatusCode IpcChannelListener::Wait(int32_t timeoutMsec, uint32_t* results) {
+  const StatusCode prepared = PrepareWait(results);
+  if (prepared != StatusCode::SUCCESS) return prepared;
   // Removing free slots can drive the count below zero and round it up: never
   // poll or scan past the arrays.
   const uint32_t polled = std::min(inUse_, capacity_);
@@ -131,12 +137,8 @@ void IpcChannelListener::SetWakeDescriptor(int32_t fd) {
 
 StatusCode IpcChannelListener::ServeUntil(int64_t deadlineMsec, uint32_t* results,
                                           bool (*checkNow)(void*), void* context) {
-  if (!QWD_ASSERT(kComponent, results != nullptr, "results != NULL")) return StatusCode::FAILURE;
-  std::memset(results, 0, capacity_ * sizeof(*results));
-  if (inUse_ == 0) {
-    QWD_LOG_ERROR(kComponent, "Can't wait for zero channels, returning immediately!\n");
-    return StatusCode::IRRELEVANT;
-  }
+  const StatusCode prepared = PrepareWait(results);
+  if (prepared != StatusCode::SUCCESS) return prepared;
   const uint32_t polled = std::min(inUse_, capacity_);
   pollfd& wake = pollEntries_[capacity_];
   bool eventSeen = false;
@@ -175,9 +177,10 @@ StatusCode IpcChannelListener::ServeUntil(int64_t deadlineMsec, uint32_t* result
 }
 
 void IpcChannelListener::DrainWakeDescriptor() {
+  // One read, which never blocks on a descriptor poll found readable; what
+  // a full buffer leaves makes the next poll return at once and is read then.
   char buffer[512];
-  while (read(pollEntries_[capacity_].fd, buffer, sizeof(buffer)) > 0) {
-  }
+  [[maybe_unused]] const ssize_t drained = read(pollEntries_[capacity_].fd, buffer, sizeof(buffer));
 }
 
 void IpcChannelListener::UnmuteFailedSlots(uint32_t polled) {

@@ -80,6 +80,9 @@ class IpcChannelListener {
   // muting the last two (negative descriptor) for the rest of the wait. True when
   // a request is waiting.
   bool ClassifyEvents(uint32_t* results, uint32_t polled);
+  // Clears the results: SUCCESS to go on, FAILURE without results, IRRELEVANT
+  // (logged) without channels.
+  StatusCode PrepareWait(uint32_t* results);
   // Runs the request of every triggered slot: processed or failed.
   void ProcessTriggered(uint32_t* results, uint32_t polled);
   // Slots muted for a poll error listen again; hung-up ones stay muted.

@@ -74,6 +74,36 @@ TEST_F(IpcChannelListenerTest, HangUpNeitherShortensTheWaitNorHidesLaterRequests
   EXPECT_EQ(results_, (Results{0, 0, 0, 0, 1}));
 }
 
+// The watch serves plain requests until its deadline, and looks at once when
+// a request changed something, a peer hung up or the wake descriptor fired.
+TEST_F(IpcChannelListenerTest, ServeUntilAnswersOnTheWayAndEndsEarlyOnlyWithAReason) {
+  FakeClock clock;
+  const auto serve = [&](bool checkNow) {
+    const int64_t start = clock.NowMsec();
+    bool asked = checkNow;
+    listener_->ServeUntil(start + 2000, results_.data(), [](void* c) { return *static_cast<bool*>(c); },
+                          &asked);
+    return clock.NowMsec() - start;
+  };
+  SendRequest(2);
+  EXPECT_EQ(serve(false), 2000);
+  EXPECT_EQ(results_, (Results{0, 0, 1, 0, 0}));
+  SendRequest(3);
+  EXPECT_EQ(serve(true), 0);
+  int wake[2];
+  ASSERT_EQ(pipe(wake), 0);
+  listener_->SetWakeDescriptor(wake[0]);
+  ASSERT_EQ(write(wake[1], "xy", 2), 2);
+  EXPECT_EQ(serve(false), 0);
+  EXPECT_EQ(serve(false), 2000);  // drained: the next window is a whole one
+  close(clients_[0]);
+  clients_[0] = -1;
+  EXPECT_EQ(serve(false), 0);
+  EXPECT_EQ(results_[0], IPC_CHANNEL_DISCONNECTED);
+  close(wake[0]);
+  close(wake[1]);
+}
+
 // Callers rely on the lowest free slot coming first and on only the first
 // in-use entries being polled, even when a free slot is removed again.
 TEST_F(IpcChannelListenerTest, SlotsAreReusedLowestFirstAndOnlyTheCountedOnesPolled) {
