@@ -5,7 +5,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-packages=(cmake ninja-build g++ libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev util-linux python3
+packages=(cmake ninja-build g++ libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev util-linux python3 runit s6 strace
   valgrind)  # valgrind: the memcheck road of the plain build
 missing=()
 for p in "${packages[@]}"; do
@@ -76,3 +76,6 @@ timeout 240 bash scripts/demo.sh
 # The watchdog booted as a device runs it, on Debian's kernel under qemu: a real
 # kernel module loaded, verified, unloaded and loaded again, and a real crash dump.
 bash scripts/vm-test.sh
+# Beside runsv and s6, a short smoke run: the figures are printed, not
+# asserted, since this machine is shared and noisy.
+QWD_BENCH_WINDOW_SEC=4 QWD_BENCH_WINDOWS=1 QWD_BENCH_KILLS=4 timeout 300 bash bench/compare_supervisors.sh | grep -E '^(FIGURE|  )'
