@@ -14,8 +14,8 @@
 #include <fstream>
 #include <string>
 
-#include "watchdog/resources/SysResourcesMonitoring.h"
 #include "common/ProcRoot.h"
+#include "watchdog/resources/SysResourcesMonitoring.h"
 
 namespace {
 

@@ -7,10 +7,10 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "ipc/IpcChannel.h"
 #include "common/LoggerLevelNames.h"
 #include "common/Shell.h"
 #include "common/StringUtils.h"
+#include "ipc/IpcChannel.h"
 
 namespace {
 

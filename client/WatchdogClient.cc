@@ -6,10 +6,10 @@
 
 #include <new>
 
-#include "ipc/IpcChannel.h"
 #include "common/Clock.h"
 #include "common/Log.h"
 #include "common/StringUtils.h"
+#include "ipc/IpcChannel.h"
 
 namespace {
 
@@ -49,8 +49,8 @@ StatusCode WatchdogClient::NotifyStatus(bool ok, const char* message) {
   note.pid = static_cast<int32_t>(getpid());
   SafeStrCopy(note.socketName, socketName_);
   if (message != nullptr) SafeStrCopy(note.message, message);
-  return channel_->SendCommand(CommandId(WatchdogCommand::STATUS_NOTIFY), &note,
-                               sizeof(note), nullptr, 0, kReplyTimeoutMsec);
+  return channel_->SendCommand(CommandId(WatchdogCommand::STATUS_NOTIFY), &note, sizeof(note),
+                               nullptr, 0, kReplyTimeoutMsec);
 }
 
 StatusCode WatchdogClient::StartHeartbeat(uint32_t periodMsec) {

@@ -7,11 +7,11 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <new>
 #include <ctime>
+#include <new>
 
-#include "common/LogFormat.h"
 #include "common/Clock.h"
+#include "common/LogFormat.h"
 #include "common/OwnMemoryReader.h"
 #include "common/RootFiles.h"
 #include "common/SignalSafeFormat.h"
@@ -79,9 +79,9 @@ __attribute__((format(printf, 2, 3))) void EmitTraceLine(int sourceLine, const c
   size_t length = SignalSafeFormat(g_crash.line, sizeof(g_crash.line), "%s\n", g_crash.message);
   WriteAll(STDOUT_FILENO, g_crash.line, length);
   if (g_crash.dumpFd < 0) return;
-  length = SignalSafeFormat(
-      g_crash.line, sizeof(g_crash.line),
-      QWD_LOG_JSON_LINE_FORMAT, "CRASH", g_crash.monotonicSec, g_crash.timeText, kSourceFile, sourceLine, g_crash.message);
+  length = SignalSafeFormat(g_crash.line, sizeof(g_crash.line), QWD_LOG_JSON_LINE_FORMAT, "CRASH",
+                            g_crash.monotonicSec, g_crash.timeText, kSourceFile, sourceLine,
+                            g_crash.message);
   WriteAll(g_crash.dumpFd, g_crash.line, length);
 }
 

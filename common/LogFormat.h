@@ -11,9 +11,9 @@
 
 // The fields of a JSON line.
 #define QWD_LOG_FIELD_LEVEL "level"
-#define QWD_LOG_FIELD_TIMESTAMP "timestamp"  // monotonic seconds
-#define QWD_LOG_FIELD_METADATA "metadata"    // holds the next three
-#define QWD_LOG_FIELD_TIME "router_timestamp"  // local wall-clock time, kLogTimeFormat
+#define QWD_LOG_FIELD_TIMESTAMP "timestamp"    // monotonic seconds
+#define QWD_LOG_FIELD_METADATA "metadata"      // holds the next three
+#define QWD_LOG_FIELD_TIME "router_timestamp"  // local wall-clock time, kTimeFormat
 #define QWD_LOG_FIELD_FILE "c_file"
 #define QWD_LOG_FIELD_LINE "line"
 #define QWD_LOG_FIELD_MESSAGE "message"
@@ -33,7 +33,7 @@
 // The whole line as a format: level, seconds (long), time, file, line (int), message.
 #define QWD_LOG_JSON_LINE_FORMAT                                                              \
   QWD_LOG_JSON_BEFORE_LEVEL "%s" QWD_LOG_JSON_BEFORE_TIMESTAMP "%ld" QWD_LOG_JSON_BEFORE_TIME \
-                            "%s" QWD_LOG_JSON_BEFORE_FILE "%s" QWD_LOG_JSON_BEFORE_LINE         \
+                            "%s" QWD_LOG_JSON_BEFORE_FILE "%s" QWD_LOG_JSON_BEFORE_LINE       \
                             "%d" QWD_LOG_JSON_BEFORE_MESSAGE "%s" QWD_LOG_JSON_END
 
 // The first line of every log file: {"account_id": "<id>"},
@@ -41,8 +41,9 @@
 #define QWD_LOG_HEADER_FORMAT QWD_LOG_HEADER_START "%s\"},"
 
 // The last line of a closed log file.
-#define QWD_LOG_END_OBJECT \
-  "{ \"" QWD_LOG_FIELD_LEVEL "\": \"INFO\", \"" QWD_LOG_FIELD_MESSAGE "\": \"<--- Log file end --->\" }"
+#define QWD_LOG_END_OBJECT                                            \
+  "{ \"" QWD_LOG_FIELD_LEVEL "\": \"INFO\", \"" QWD_LOG_FIELD_MESSAGE \
+  "\": \"<--- Log file end --->\" }"
 
 namespace LogFormat {
 

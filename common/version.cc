@@ -5,8 +5,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "common/LogFormat.h"
 #include "common/Log.h"
+#include "common/LogFormat.h"
 #include "common/StringUtils.h"
 
 namespace {

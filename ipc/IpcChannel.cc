@@ -8,10 +8,10 @@
 #include <cstring>
 #include <new>
 
-#include "ipc/UnixSocket.h"
 #include "common/Clock.h"
 #include "common/Log.h"
 #include "common/StringUtils.h"
+#include "ipc/UnixSocket.h"
 
 namespace {
 

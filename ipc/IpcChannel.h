@@ -139,8 +139,8 @@ class IpcChannel {
   uint32_t maxRequestSize_ = 0;               // bytes of requestBuffer_
   std::unique_ptr<uint8_t[]> replyBuffer_;    // handlers' reply data, null for size 0
   uint32_t replyBufferSize_ = 0;              // bytes of replyBuffer_
-  uint32_t droppedReplies_ = 0;  // server: replies dropped since the last warning
-  int64_t dropWarnedMsec_ = -1;  // server: when the last drop was warned of, -1: never
+  uint32_t droppedReplies_ = 0;               // server: replies dropped since the last warning
+  int64_t dropWarnedMsec_ = -1;               // server: when the last drop was warned of, -1: never
   bool reconnect_ = false;   // set by Connect: SendCommand reconnects after a transport failure
   bool threadSafe_ = false;  // mutex_ is made; client operations take it
   pthread_mutex_t mutex_{};  // recursive, for thread-safe channels

@@ -3,10 +3,10 @@
 #include <cerrno>
 #include <cstring>
 
-#include "ipc/IpcChannel.h"
-#include "ipc/UnixSocket.h"
 #include "common/Clock.h"
 #include "common/Log.h"
+#include "ipc/IpcChannel.h"
+#include "ipc/UnixSocket.h"
 
 namespace {
 

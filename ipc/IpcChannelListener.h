@@ -13,8 +13,8 @@
 #include <cstdint>
 #include <memory>
 
-#include "ipc/IpcChannel.h"
 #include "common/StatusCode.h"
+#include "ipc/IpcChannel.h"
 
 // What Wait found on one slot.
 enum IpcChannelWaitResult : uint32_t {
@@ -94,9 +94,9 @@ class IpcChannelListener {
   uint32_t capacity_ = 0;                    // number of slots, fixed at creation
   uint32_t inUse_ = 0;                       // occupied slots
   std::unique_ptr<IpcChannel*[]> channels_;  // by slot, not owned
-  std::unique_ptr<pollfd[]> pollEntries_;    // by slot, descriptor -1 when free; then the wake entry
-  std::unique_ptr<uint8_t[]> inUseFlags_;    // by slot, 1 when occupied, 2 when hung up
-  const char* name_ = nullptr;               // for log lines, borrowed
+  std::unique_ptr<pollfd[]> pollEntries_;  // by slot, descriptor -1 when free; then the wake entry
+  std::unique_ptr<uint8_t[]> inUseFlags_;  // by slot, 1 when occupied, 2 when hung up
+  const char* name_ = nullptr;             // for log lines, borrowed
 };
 
 std::unique_ptr<IpcChannelListener> CreateIpcChannelListener(uint32_t capacity, const char* name);

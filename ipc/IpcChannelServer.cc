@@ -9,12 +9,12 @@
 #include <cerrno>
 #include <cstring>
 
-#include "ipc/IpcChannel.h"
-#include "ipc/UnixSocket.h"
 #include "common/Clock.h"
 #include "common/Log.h"
 #include "common/RootFiles.h"
 #include "common/TimeUtils.h"
+#include "ipc/IpcChannel.h"
+#include "ipc/UnixSocket.h"
 
 namespace {
 

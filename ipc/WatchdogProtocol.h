@@ -98,6 +98,7 @@ template <typename Layout>
 Layout DecodeRecord(const void* data, size_t dataLen) {
   static_assert(std::is_trivially_copyable_v<Layout>);
   Layout layout{};
-  if (data != nullptr) std::memcpy(&layout, data, dataLen < sizeof(layout) ? dataLen : sizeof(layout));
+  if (data != nullptr)
+    std::memcpy(&layout, data, dataLen < sizeof(layout) ? dataLen : sizeof(layout));
   return layout;
 }

@@ -4,13 +4,13 @@
 #include <cstring>
 #include <ctime>
 
+#include "common/LoggerLevelNames.h"
+#include "common/StringUtils.h"
+#include "common/TimeUtils.h"
 #include "logger/ConsoleLoggerTarget.h"
 #include "logger/LogLineFormatter.h"
 #include "logger/LoggerFileTarget.h"
 #include "logger/UdpLoggerTarget.h"
-#include "common/LoggerLevelNames.h"
-#include "common/StringUtils.h"
-#include "common/TimeUtils.h"
 
 namespace {
 

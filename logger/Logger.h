@@ -25,11 +25,11 @@
 #include <cstdint>
 #include <memory>
 
+#include "common/Log.h"
 #include "logger/ComponentsLogLevelManager.h"
 #include "logger/LogLineFormatter.h"
 #include "logger/LoggerBaseTarget.h"
 #include "logger/LoggerConfig.h"
-#include "common/Log.h"
 
 class Logger final : public LogSink {
  public:

@@ -8,10 +8,10 @@
 #include <new>
 
 #include "common/Mutex.h"
-#include "logger/LoggerUtils.h"
 #include "common/RootFiles.h"
 #include "common/StringUtils.h"
 #include "common/TimeUtils.h"
+#include "logger/LoggerUtils.h"
 
 namespace {
 

@@ -6,15 +6,15 @@
 #include <algorithm>
 #include <cstring>
 
-#include "logger/Logger.h"
 #include "common/Log.h"
 #include "common/LoggerLevelNames.h"
 #include "common/ProcessUtils.h"
 #include "common/StringUtils.h"
+#include "logger/Logger.h"
 #include "watchdog/Config.h"
 #include "watchdog/Installation.h"
-#include "watchdog/entities/MonitoredModule.h"
 #include "watchdog/Watchdog.h"
+#include "watchdog/entities/MonitoredModule.h"
 
 namespace {
 

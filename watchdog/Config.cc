@@ -3,9 +3,9 @@
 #include <array>
 #include <cstring>
 
-#include "common/io/ConfigFileReader.h"
 #include "common/Log.h"
 #include "common/StringUtils.h"
+#include "common/io/ConfigFileReader.h"
 #include "watchdog/StartupReport.h"
 
 namespace {

@@ -26,8 +26,7 @@ void Say(const char* format, ...) {
 void CheckConfigFile(const char* path) {
   struct stat info {};
   if (stat(path, &info) != 0) {
-    Say("notice: configuration file '%s': %s; running on the defaults", path,
-        std::strerror(errno));
+    Say("notice: configuration file '%s': %s; running on the defaults", path, std::strerror(errno));
     return;
   }
   if (S_ISDIR(info.st_mode)) {

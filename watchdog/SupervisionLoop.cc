@@ -17,8 +17,8 @@
 #include "common/ProcessUtils.h"
 #include "common/TimeUtils.h"
 #include "watchdog/Config.h"
-#include "watchdog/entities/MonitoredModule.h"
 #include "watchdog/Watchdog.h"
+#include "watchdog/entities/MonitoredModule.h"
 
 namespace {
 
@@ -110,7 +110,8 @@ void Watchdog::WatchChildExits() {
   sigprocmask(SIG_BLOCK, &childExit, nullptr);
   childExitFd_ = signalfd(-1, &childExit, SFD_NONBLOCK | SFD_CLOEXEC);
   if (childExitFd_ < 0) {
-    QWD_LOG_WARN(kComponent, "No signalfd for SIGCHLD, errno %s(%d): exits are seen at the checks\n",
+    QWD_LOG_WARN(kComponent,
+                 "No signalfd for SIGCHLD, errno %s(%d): exits are seen at the checks\n",
                  std::strerror(errno), errno);
   }
   listener_->SetWakeDescriptor(childExitFd_);

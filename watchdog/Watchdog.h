@@ -11,14 +11,14 @@
 #include <cstdint>
 #include <memory>
 
+#include "common/StatusCode.h"
 #include "ipc/IpcChannel.h"
 #include "ipc/IpcChannelListener.h"
 #include "ipc/WatchdogProtocol.h"
-#include "watchdog/resources/SysResourcesMonitoring.h"
-#include "common/StatusCode.h"
+#include "watchdog/Termination.h"
 #include "watchdog/entities/MonitoredEntity.h"
 #include "watchdog/policy/WatchdogThresholdsManager.h"
-#include "watchdog/Termination.h"
+#include "watchdog/resources/SysResourcesMonitoring.h"
 
 // Last path component of argv[0], pointing into it (valid for the whole run);
 // names the pid file.

@@ -7,19 +7,19 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "logger/Logger.h"
-#include "logger/LoggerConfig.h"
 #include "common/CrashHandler.h"
 #include "common/FileUtils.h"
 #include "common/Log.h"
 #include "common/ProcessUtils.h"
 #include "common/StringUtils.h"
 #include "common/version.h"
+#include "logger/Logger.h"
+#include "logger/LoggerConfig.h"
 #include "watchdog/Config.h"
 #include "watchdog/Installation.h"
 #include "watchdog/StartupReport.h"
-#include "watchdog/entities/MonitoredProcess.h"
 #include "watchdog/Watchdog.h"
+#include "watchdog/entities/MonitoredProcess.h"
 
 namespace {
 
@@ -112,12 +112,13 @@ void Watchdog::Init() {
   // The watchdog sleeps on these: a negative number would become a sleep of
   // days once taken as unsigned, so it gives way to the default. Zero keeps
   // its meaning, no sleep.
-  for (const ConfigKey key : {CFG_DELAY_TIME_INCREASE_SEC, CFG_MAX_DELAY_PERIOD_SEC,
-                              CFG_SLEEP_ON_CRITICAL_ERROR_SEC}) {
+  for (const ConfigKey key :
+       {CFG_DELAY_TIME_INCREASE_SEC, CFG_MAX_DELAY_PERIOD_SEC, CFG_SLEEP_ON_CRITICAL_ERROR_SEC}) {
     Config::ResetIfNegative(key);
   }
   if (policy_.Init() != StatusCode::SUCCESS) {
-    QWD_LOG_ERROR(kComponent, "Failed initializing the restart policies: restarts are not limited\n");
+    QWD_LOG_ERROR(kComponent,
+                  "Failed initializing the restart policies: restarts are not limited\n");
   }
   QWD_LOG_INFO(kComponent, "Running watchdogInit for version [%s] \n", currentVersion_.data());
   Installation::ReportResourceLimits();
@@ -186,8 +187,8 @@ void Watchdog::CreateProcessEntities() {
   EntityRow& normal = entityTable_[OPERATIONAL_MODE_NORMAL];
   normal.entities[1] = CreateMonitoredProcess(
       systemExecDir_.data(), systemExecBinary_.data(), nullptr, libPath, kMaxLastSeenMsec, false,
-      false, kSystemExecSocketName, kCmdDataSize, kReplySize, kCommandHandlers.data(), kNumCommandHandlers,
-      kConnectTimeoutMsec, this);
+      false, kSystemExecSocketName, kCmdDataSize, kReplySize, kCommandHandlers.data(),
+      kNumCommandHandlers, kConnectTimeoutMsec, this);
   normal.indices[1] = 1;
   normal.entities[2] = CreateMonitoredProcess(
       agentDir_.data(), agentBinary_.data(), normalAgentArgs_.data(), libPath, kMaxLastSeenMsec,

@@ -4,9 +4,9 @@
 #include <cstring>
 #include <new>
 
-#include "common/io/Stream.h"
 #include "common/Log.h"
 #include "common/StringUtils.h"
+#include "common/io/Stream.h"
 
 namespace {
 constexpr uint32_t kComponent = LOGGER_COMPONENT_INFRA_IO;

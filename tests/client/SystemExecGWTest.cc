@@ -13,8 +13,8 @@
 #include <gtest/gtest.h>
 
 #include "client/SystemExecGW.h"
-#include "ipc/IpcChannel.h"
 #include "common/Shell.h"
+#include "ipc/IpcChannel.h"
 #include "tests/ipc/IpcTestPeer.h"
 #include "tests/support/FakeClock.h"
 #include "tests/support/LogCapture.h"

@@ -81,8 +81,8 @@ TEST_F(IpcChannelListenerTest, ServeUntilAnswersOnTheWayAndEndsEarlyOnlyWithARea
   const auto serve = [&](bool checkNow) {
     const int64_t start = clock.NowMsec();
     bool asked = checkNow;
-    listener_->ServeUntil(start + 2000, results_.data(), [](void* c) { return *static_cast<bool*>(c); },
-                          &asked);
+    listener_->ServeUntil(
+        start + 2000, results_.data(), [](void* c) { return *static_cast<bool*>(c); }, &asked);
     return clock.NowMsec() - start;
   };
   SendRequest(2);

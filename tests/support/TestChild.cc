@@ -39,9 +39,9 @@
 #include <string>
 #include <vector>
 
+#include "common/StringUtils.h"
 #include "ipc/IpcChannel.h"
 #include "ipc/UnixSocket.h"
-#include "common/StringUtils.h"
 #include "ipc/WatchdogProtocol.h"
 
 namespace {

@@ -78,15 +78,16 @@ TEST_F(QuillmorWdTest, EveryStartupFailureNamesItsCauseOnStandardError) {
   std::filesystem::create_directory(versionDir);
   dir_.Write("40.5.21.71902/libx.so", "");
   const std::string installed = "wdLogDir=" + d + "\ndownloadDir=" + d + "\n";
-  const std::string links = installed + "systemExecSymLinkPath=" + d + "/s\nmoduleSymLinkPath=" +
-                            d + "/m\ncontrolScriptPath=" + d + "/c\nteardownScriptPath=" + d +
-                            "/t\nagentSymLinkPath=" + d;
-  const std::string noDump = "quillmorWD: cannot create the crash dump in log directory "
-                             "'/var/log/quillmor' (wdLogDir): No such file or directory\n";
+  const std::string links = installed + "systemExecSymLinkPath=" + d +
+                            "/s\nmoduleSymLinkPath=" + d + "/m\ncontrolScriptPath=" + d +
+                            "/c\nteardownScriptPath=" + d + "/t\nagentSymLinkPath=" + d;
+  const std::string noDump =
+      "quillmorWD: cannot create the crash dump in log directory "
+      "'/var/log/quillmor' (wdLogDir): No such file or directory\n";
   const std::string missing = "quillmorWD: missing program '" + versionDir +
                               "/quillmorSystemExec': No such file or directory\nquillmorWD: "
-                              "missing program '" + versionDir +
-                              "/quillmorUserAgent': No such file or directory\n";
+                              "missing program '" +
+                              versionDir + "/quillmorUserAgent': No such file or directory\n";
   const std::string notice = "quillmorWD: notice: configuration file '" + d;
   // configuration (empty: the directory itself is given), standard error, exit status
   const std::tuple<std::string, std::string, int> cases[] = {

@@ -25,10 +25,14 @@ uint64_t Field(const std::vector<uint8_t>& bytes, size_t offset, size_t size, bo
 const char* Addr2lineFor(uint16_t machine) {
   if (const char* chosen = std::getenv("QWD_ADDR2LINE")) return chosen;
   switch (machine) {
-    case EM_MIPS: return "mips-linux-gnu-addr2line";
-    case EM_ARM: return "arm-linux-gnueabihf-addr2line";
-    case EM_AARCH64: return "aarch64-linux-gnu-addr2line";
-    default: return "addr2line";
+    case EM_MIPS:
+      return "mips-linux-gnu-addr2line";
+    case EM_ARM:
+      return "arm-linux-gnueabihf-addr2line";
+    case EM_AARCH64:
+      return "aarch64-linux-gnu-addr2line";
+    default:
+      return "addr2line";
   }
 }
 
@@ -128,8 +132,8 @@ bool CrashSymbolizer::FollowsCall(uint64_t address) const {
     const uint64_t word = Field(code_, address - codeStart_ - 8, 4, bigEndian_);
     const uint64_t opcode = word >> 26;
     const uint64_t regimm = (word >> 16) & 0x1f;
-    return (opcode == 0 && (word & 0x3f) == 9) || opcode == 3 ||        // jalr, jal
-           (opcode == 1 && (regimm == 0x10 || regimm == 0x11));        // bltzal, bgezal
+    return (opcode == 0 && (word & 0x3f) == 9) || opcode == 3 ||  // jalr, jal
+           (opcode == 1 && (regimm == 0x10 || regimm == 0x11));   // bltzal, bgezal
   }
   if (machine_ == EM_X86_64 || machine_ == EM_386) {
     return byteAt(5) == 0xe8 || byteAt(2) == 0xff || byteAt(3) == 0xff || byteAt(6) == 0xff;

@@ -43,12 +43,12 @@ class CrashSymbolizer {
   bool FollowsCall(uint64_t address) const;
   uint64_t FindBias() const;
 
-  std::string binary_;                 // the unstripped program
-  uint16_t machine_ = 0;               // ELF e_machine
-  bool bigEndian_ = false;             // byte order of its code
-  bool positionIndependent_ = false;   // ET_DYN: loaded at a bias
-  uint64_t codeStart_ = 0;             // executable segment, link addresses
-  std::vector<uint8_t> code_;          // its bytes
+  std::string binary_;                                // the unstripped program
+  uint16_t machine_ = 0;                              // ELF e_machine
+  bool bigEndian_ = false;                            // byte order of its code
+  bool positionIndependent_ = false;                  // ET_DYN: loaded at a bias
+  uint64_t codeStart_ = 0;                            // executable segment, link addresses
+  std::vector<uint8_t> code_;                         // its bytes
   std::vector<std::pair<uint64_t, bool>> addresses_;  // run-time address, is a return address
-  std::map<uint64_t, std::string> names_;              // run-time address -> where
+  std::map<uint64_t, std::string> names_;             // run-time address -> where
 };

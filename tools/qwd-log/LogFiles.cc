@@ -59,7 +59,8 @@ bool ParseLogFileName(std::string_view path, LogFileName* out) {
   const std::string_view name = path.substr(path.rfind('/') + 1);
   size_t end = name.size();
   LogFileName parsed;
-  if (name.size() > LogFormat::kCrashDumpSuffix.size() && name.ends_with(LogFormat::kCrashDumpSuffix)) {
+  if (name.size() > LogFormat::kCrashDumpSuffix.size() &&
+      name.ends_with(LogFormat::kCrashDumpSuffix)) {
     end -= LogFormat::kCrashDumpSuffix.size();
     if (!NumberBefore(name, &end, &parsed.pid)) return false;
   } else {

@@ -7,15 +7,15 @@
 #include <vector>
 
 struct Options {
-  bool help = false;       // --help: the usage on standard output
-  bool json = false;       // JSON Lines instead of the human form
-  bool follow = false;     // keep reading as the files grow
-  bool summary = false;    // the summary instead of the lines
-  int minLevel = 0;        // rank of the lowest level kept
-  std::string component;   // kept when the source path or function holds it
-  std::string since;       // kept from this time on, "" for no bound
-  std::string until;       // kept up to this time (a prefix: its whole span)
-  std::string symbolize;   // the unstripped binary that names crash frames, or ""
+  bool help = false;               // --help: the usage on standard output
+  bool json = false;               // JSON Lines instead of the human form
+  bool follow = false;             // keep reading as the files grow
+  bool summary = false;            // the summary instead of the lines
+  int minLevel = 0;                // rank of the lowest level kept
+  std::string component;           // kept when the source path or function holds it
+  std::string since;               // kept from this time on, "" for no bound
+  std::string until;               // kept up to this time (a prefix: its whole span)
+  std::string symbolize;           // the unstripped binary that names crash frames, or ""
   std::vector<std::string> paths;  // directories and files to read
 };
 

@@ -31,7 +31,7 @@ class Summary {
     int crashes = 0;    // crash records
   };
 
-  std::map<std::string, Hour> hours_;  // by "YYYY-MM-DD HH", "" when unknown
+  std::map<std::string, Hour> hours_;                         // by "YYYY-MM-DD HH", "" when unknown
   std::map<std::string, std::map<std::string, int>> causes_;  // entity -> cause -> count
   std::vector<std::string> events_;  // mode switches and crashes, with their time
 };

@@ -69,7 +69,8 @@ int main(int argc, char** argv) {
   if (!options.symbolize.empty()) {
     symbolizer = CrashSymbolizer::Open(options.symbolize, &error);
     if (symbolizer) {
-      merge.ForEach([&](const LogRecord& record, const std::string&) { symbolizer->Collect(record); });
+      merge.ForEach(
+          [&](const LogRecord& record, const std::string&) { symbolizer->Collect(record); });
     }
     if (!symbolizer || !symbolizer->Resolve(&error)) {
       std::fprintf(stderr, "qwd-log: --symbolize: %s\n", error.c_str());

@@ -8,10 +8,10 @@
 #include <cstring>
 #include <new>
 
-#include "common/io/FileReader.h"
 #include "common/Clock.h"
 #include "common/Log.h"
 #include "common/StringUtils.h"
+#include "common/io/FileReader.h"
 #include "watchdog/Config.h"
 #include "watchdog/entities/KernelModuleApi.h"
 

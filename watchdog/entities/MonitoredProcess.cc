@@ -7,8 +7,6 @@
 #include <new>
 #include <utility>
 
-#include "common/io/FileReader.h"
-#include "watchdog/resources/SysResourcesMonitoring.h"
 #include "common/FileUtils.h"
 #include "common/Log.h"
 #include "common/ProcRoot.h"
@@ -16,7 +14,9 @@
 #include "common/ProcessUtils.h"
 #include "common/StringUtils.h"
 #include "common/TimeUtils.h"
+#include "common/io/FileReader.h"
 #include "watchdog/Config.h"
+#include "watchdog/resources/SysResourcesMonitoring.h"
 
 namespace {
 

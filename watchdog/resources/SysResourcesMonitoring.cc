@@ -12,11 +12,11 @@
 #include <memory>
 #include <new>
 
-#include "watchdog/resources/ProcDir.h"
 #include "common/Log.h"
 #include "common/ProcRoot.h"
 #include "common/ProcessUtils.h"
 #include "common/StringUtils.h"
+#include "watchdog/resources/ProcDir.h"
 
 namespace SysResMon {
 

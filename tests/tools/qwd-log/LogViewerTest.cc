@@ -112,9 +112,9 @@ std::string Parsed(std::vector<const char*> args, Options* options) {
 
 TEST(OptionsTest, BadOptionsAreNamedLevelsTakeAnyCaseAndTimesBoundEntries) {
   Options options;
-  EXPECT_EQ(Parsed({"--help", "--summary", "--level", "warn", "--until", "2026-11-23T07"},
-                   &options),
-            "ok");
+  EXPECT_EQ(
+      Parsed({"--help", "--summary", "--level", "warn", "--until", "2026-11-23T07"}, &options),
+      "ok");
   EXPECT_TRUE(options.help && options.summary);
   EXPECT_EQ(options.minLevel, LogLevelRank("WARN"));
   EXPECT_EQ(Parsed({"--since", "2026-11-23 07:41"}, &options), "ok");

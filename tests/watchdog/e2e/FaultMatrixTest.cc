@@ -156,7 +156,8 @@ TEST_F(FaultMatrixTest, EachFaultGetsItsAnswerAndLeavesNothingBehind) {
        [&] {
          EXPECT_EQ(ReadWholeFile(dir_.File("plan/victim")), "precious");
          EXPECT_FALSE(fs::exists(dir_.File("dl x/1.2.3")));
-         EXPECT_EQ(ReadWholeFile(dir_.File("plan/cleanup.log")), "cleanup\n");  // its quoted path ran
+         EXPECT_EQ(ReadWholeFile(dir_.File("plan/cleanup.log")),
+                   "cleanup\n");  // its quoted path ran
        }},
       {"log directory removed", "beat", nullptr,
        [&] {

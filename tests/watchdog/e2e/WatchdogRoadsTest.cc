@@ -33,8 +33,8 @@ TEST_F(WatchdogRoadsTest, StartPreparesTheInstallationAndSigtermEndsCleanly) {
   EXPECT_EQ(Count("Res Limits:"), 4u);
   EXPECT_EQ(Count("snprintf failed!"), 2u);
   EXPECT_EQ(Count("Config value '"), 39u);
-  for (const char* line : {"'cpuCoresNumber' = 2 ", "'setLdLibPath' = false ",
-                           "'wdLogPath' = 'WatchdogLogger' "}) {
+  for (const char* line :
+       {"'cpuCoresNumber' = 2 ", "'setLdLibPath' = false ", "'wdLogPath' = 'WatchdogLogger' "}) {
     EXPECT_EQ(Count(std::string("Config value ") + line), 1u) << line;
   }
   EXPECT_NE(ReadWholeFile(dir_.File("log/Quillmor_" + kVersion + "_WatchdogStackTrace_0.log"))
