@@ -118,7 +118,9 @@ TEST_P(CrashHandlerTest, FaultWritesTheTraceToStdoutAndDumpThenAborts) {
   std::vector<std::string> messages = {"----- START TRACE pid 0 -----",
                                        "Crashed at [0x#] signal:11 pid:" + std::to_string(child) +
                                            " last errno:33"};   // SIGSEGV, EDOM
-  for (long frame = 1; frame <= std::max(frames, 1L); ++frame)  // at least one
+  // At least one frame, but for the overflow: a fault in a prologue that could
+  // not store its frame leaves a prologue walk (MIPS) nothing to follow.
+  for (long frame = 1; frame <= std::max(frames, GetParam() ? 0L : 1L); ++frame)
     messages.push_back("Frame " + std::to_string(frame) + ": 0x#  sp:0x#");
   messages.push_back("----- END TRACE -----");
   std::string out, dump;
