@@ -13,9 +13,10 @@
 #   clean shutdown: SIGTERM to exit, well-behaved children;
 #   idle system calls and CPU (schedstat, ns) per 2 s, worst of the windows;
 #   Private_Dirty; stripped size.
-# The watchdog runs its Release build linked as for the routers (static C++
-# runtime), with the restart policies off, in private mount and pid
-# namespaces with a tmpfs on /var; runsv and s6 run in the same namespaces.
+# The watchdog runs its release build as the router presets make it (-Os,
+# link-time optimisation, static C++ runtime), with the restart policies off,
+# in private mount and pid namespaces with a tmpfs on /var; runsv and s6 run
+# in the same namespaces.
 #   bash bench/compare_supervisors.sh [build dir]
 # QWD_BENCH_WINDOW_SEC (30), QWD_BENCH_WINDOWS (3) and QWD_BENCH_KILLS (12)
 # shorten it for a smoke run.
@@ -35,9 +36,11 @@ if [ ${#need[@]} -gt 0 ]; then
     { apt-get update -qq && DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${need[@]}" >/dev/null; }
 fi
 
-# Linked as for the routers: the C++ runtime static, unused sections dropped.
+# Built as the router presets build: for size, with link-time optimisation,
+# the C++ runtime static and unused sections dropped.
 link="-static-libstdc++ -static-libgcc -Wl,--gc-sections"
-cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DQWD_BUILD_TESTS=OFF -DQWD_BUILD_BENCH=OFF \
+cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=MinSizeRel -DCMAKE_INTERPROCEDURAL_OPTIMIZATION=ON \
+  -DQWD_BUILD_TESTS=OFF -DQWD_BUILD_BENCH=OFF \
   -DCMAKE_CXX_FLAGS="-ffunction-sections -fdata-sections" -DCMAKE_EXE_LINKER_FLAGS="$link" >/dev/null
 cmake --build "$build" --target quillmorWD qwd_client >/dev/null
 sync  # a fresh build's pages are dirty in the page cache, and would count as the binary's own

@@ -28,8 +28,11 @@ if(QWD_SANITIZE)
 endif()
 
 # Product code: no exceptions, no RTTI and no guards on local statics (one
-# thread sets them up), as on the router build.
+# thread sets them up), as on the router build. Nothing unwinds through it
+# (the SDK calls no code of the agent's), so it carries no unwind tables:
+# debuggers read the debug information, the crash handler walks frames itself.
 function(qwd_product_target target)
-  target_compile_options(${target} PRIVATE -fno-exceptions -fno-rtti -fno-threadsafe-statics)
+  target_compile_options(${target} PRIVATE -fno-exceptions -fno-rtti -fno-threadsafe-statics
+                                           -fno-asynchronous-unwind-tables)
   target_include_directories(${target} PUBLIC ${CMAKE_SOURCE_DIR})
 endfunction()
