@@ -95,11 +95,11 @@ sleep 1
 t0=$(now_us)
 crash "$work/wd.marks" quillmorUserAgent /dev/null
 sleep 0.5; kill -INT $tracer; wait $tracer || true
-awk -v t0="$t0" '
+awk -v t0="$t0" -v wd=$wd '
   { t = $2 * 1e6 }
   !kill && / kill\(/ && t > t0 { kill = t }
   kill && !sh && /execve\(.*bin\/sh/ { sh = t }
-  sh && !shdone && /wait4\(|waitid\(/ && !/unfinished/ && t > sh { shdone = t }
+  sh && !shdone && $1 == wd && /wait4\(/ && / = [1-9][0-9]*$/ && t > sh { shdone = t }
   shdone && !launch && /execve\(.*quillmorUserAgent/ { launch = t }
   END {
     if (!launch) { print "  parts: not found in the trace"; exit }

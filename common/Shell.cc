@@ -1,5 +1,7 @@
 #include "common/Shell.h"
 
+#include <poll.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,8 +16,60 @@
 namespace {
 
 constexpr uint32_t kComponent = LOGGER_COMPONENT_INFRA_UTILS;
-// How often a running command is looked at: the delay of an interrupt.
+// How often a running command is looked at, at most: the delay of an interrupt.
 constexpr uint32_t kCheckMsec = 20;
+
+// A descriptor that polls readable once the process has ended (Linux 5.3 on,
+// always close-on-exec); -1 where the kernel has none.
+int OpenExitDescriptor(pid_t pid) {
+#ifdef SYS_pidfd_open
+  return static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+#else
+  (void)pid;
+  return -1;
+#endif
+}
+
+// Until the child's next look: woken by its exit where the kernel tells it,
+// else after a pause that doubles from 1 ms, so that a quick script (a
+// restart's cleanup takes a few ms) is seen at once and a slow one costs
+// few wake-ups. A signal (termination) cuts either short.
+void AwaitChild(int exitFd, uint32_t& pauseMsec) {
+  if (exitFd >= 0) {
+    pollfd exited{exitFd, POLLIN, 0};
+    poll(&exited, 1, static_cast<int>(kCheckMsec));
+    return;
+  }
+  SleepMsec(pauseMsec);
+  pauseMsec = pauseMsec * 2 < kCheckMsec ? pauseMsec * 2 : kCheckMsec;
+}
+
+// The wait status of the child, or -1: past the limit or on an interrupt the
+// whole group is killed first.
+int WaitForCommand(const char* command, pid_t child, uint32_t limitMsec,
+                   const volatile std::sig_atomic_t* interrupt, int exitFd) {
+  const int64_t start = GetCurrentTimeMsec();
+  uint32_t pauseMsec = 1;
+  for (;;) {
+    int status = 0;
+    const pid_t done = waitpid(child, &status, WNOHANG);
+    if (done == child) return status;
+    if (done < 0 && errno != EINTR) return -1;
+    const bool late = GetCurrentTimeMsec() - start >= limitMsec;
+    if (late || (interrupt != nullptr && *interrupt != 0)) {
+      if (late) {
+        QWD_LOG_ERROR(kComponent, "Command '%s' ran past its limit of %u ms: killed\n", command,
+                      limitMsec);
+      } else {
+        QWD_LOG_ERROR(kComponent, "Command '%s' killed: termination requested\n", command);
+      }
+      kill(-child, SIGKILL);
+      waitpid(child, nullptr, 0);
+      return -1;
+    }
+    AwaitChild(exitFd, pauseMsec);
+  }
+}
 
 class RealShell final : public Shell {
  public:
@@ -38,26 +92,10 @@ int RunShellCommand(const char* command, uint32_t limitMsec,
   }
   // Set on both sides: the group must exist before a kill can be aimed at it.
   setpgid(child, child);
-  const int64_t start = GetCurrentTimeMsec();
-  for (;;) {
-    int status = 0;
-    const pid_t done = waitpid(child, &status, WNOHANG);
-    if (done == child) return status;
-    if (done < 0 && errno != EINTR) return -1;
-    const bool late = GetCurrentTimeMsec() - start >= limitMsec;
-    if (late || (interrupt != nullptr && *interrupt != 0)) {
-      if (late) {
-        QWD_LOG_ERROR(kComponent, "Command '%s' ran past its limit of %u ms: killed\n", command,
-                      limitMsec);
-      } else {
-        QWD_LOG_ERROR(kComponent, "Command '%s' killed: termination requested\n", command);
-      }
-      kill(-child, SIGKILL);
-      waitpid(child, nullptr, 0);
-      return -1;
-    }
-    SleepMsec(kCheckMsec);
-  }
+  const int exitFd = OpenExitDescriptor(child);
+  const int status = WaitForCommand(command, child, limitMsec, interrupt, exitFd);
+  if (exitFd >= 0) close(exitFd);
+  return status;
 }
 
 template <>

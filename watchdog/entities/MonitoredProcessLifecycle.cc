@@ -1,7 +1,6 @@
 // Launching and stopping a monitored process: fork and execve, the wait for
 // its connection, and the stop escalation.
 
-#include <dirent.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -220,14 +219,12 @@ bool MonitoredProcess::HasExited() const {
 bool MonitoredProcess::IsProcessGone() const {
   char path[64] = {};
   std::snprintf(path, sizeof(path), "%s/%d", GetProcRoot(), pid_);
-  DIR* dir = opendir(path);
-  if (dir == nullptr) {
+  if (access(path, F_OK) != 0) {
     const int error = errno;
     if (error == ENOENT) return true;
     QWD_LOG_ERROR(kComponent, "opendir on /proc/%d failed. errno = %d\n", pid_, error);
     return false;
   }
-  closedir(dir);
   // A zombie takes no more signals; it is reaped by its parent or, once
   // that is gone, by the watchdog. A stop never waits on one.
   pid_t parent = 0, group = 0;
