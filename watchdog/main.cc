@@ -11,8 +11,11 @@
 
 int main(int argc, char* argv[]) {
   // Standard output is the only voice before the logger exists: every message
-  // must be out before an exit or a fork.
-  std::setvbuf(stdout, nullptr, _IOLBF, 0);
+  // must be out before an exit or a fork. Its buffer is static and small,
+  // where the C library would take a page from the heap for good; a longer
+  // line just goes out in more than one write.
+  static char stdoutBuffer[512];
+  std::setvbuf(stdout, stdoutBuffer, _IOLBF, sizeof(stdoutBuffer));
   std::signal(SIGHUP, SIG_IGN);
   std::signal(SIGPIPE, SIG_IGN);
   SetTermSignal();

@@ -3,7 +3,9 @@
 // A bare walk over one directory of the process file system. DirReader stats
 // every entry and ends at the first one it cannot stat; under /proc an entry
 // can vanish at any moment and a scan must go on past it, so these walks use
-// the type that the listing itself gives.
+// the type that the listing itself gives. The listing is read with
+// getdents64 into a small buffer inside the walk: opendir's heap buffer of
+// 32 KiB would leave its pages dirty in the heap for good.
 
 #include <dirent.h>
 
@@ -19,14 +21,18 @@ class ProcDir {
   ProcDir(const ProcDir&) = delete;
   ProcDir& operator=(const ProcDir&) = delete;
 
-  bool IsOpen() const { return dir_ != nullptr; }
+  bool IsOpen() const { return fd_ >= 0; }
   // Next entry, "." and ".." included; null at the end.
   const dirent* Next();
   // A directory whose name begins with a digit: one process.
   bool IsProcessEntry(const dirent* entry) const;
 
  private:
-  DIR* dir_;  // the open directory, or null when it could not be opened
+  int fd_;                        // the open directory, or -1
+  alignas(8) char buffer_[1024];  // records of the last getdents64
+  size_t length_ = 0;             // bytes in buffer_
+  size_t position_ = 0;           // next record in buffer_
+  dirent entry_{};                // the entry Next() gave last
 };
 
 // Lines of one /proc file, read straight into a fixed buffer: the watch
