@@ -28,19 +28,20 @@ constexpr int kHandledSignals[] = {SIGSEGV, SIGBUS, SIGFPE};
 constexpr size_t kAltStackSize = 64 * 1024;
 
 // Process-wide, static, so that the handler never allocates. All zero at
-// start, so that it lies in .bss: what only a crash writes (CrashBuffers)
-// costs no memory until then.
+// start, so that it lies in .bss.
 struct CrashState {
   bool hasDump;                      // whether dumpFd is open
   int dumpFd;                        // the open dump file
   long monotonicSec;                 // monotonic seconds of the last recording
   char timeText[32];                 // its UTC wall-clock text, "" if unconvertible
+  char accountId[128];               // the account of the crash, for a core dump
   const char* (*accountIdSource)();  // where the account id comes from
 };
+// What only a crash writes: on the handler's own stack, so that it costs no
+// memory until then.
 struct CrashBuffers {
   char message[2048];                  // the message of the line being written
   char line[2048 + 256 + 256];         // that line as printed or as a JSON line
-  char accountId[128];                 // the account of the crash, for a core dump
   StackFrame frames[kMaxStackFrames];  // the walked frames
 };
 // The lines written at installation are short, and use a smaller pair.
@@ -52,7 +53,6 @@ struct TraceBuffers {
 };
 
 CrashState g_crash;
-CrashBuffers g_buffers;
 
 void WriteAll(int fd, const char* text, size_t length) {
   while (length > 0) {
@@ -107,27 +107,27 @@ void CloseDump() {
 void TakeAccountId() {
   const char* id = g_crash.accountIdSource != nullptr ? g_crash.accountIdSource() : nullptr;
   if (id == nullptr || id[0] == '\0') id = "DefaultAccountID";
-  SignalSafeFormat(g_buffers.accountId, sizeof(g_buffers.accountId), "%s", id);
+  SignalSafeFormat(g_crash.accountId, sizeof(g_crash.accountId), "%s", id);
 }
 
 void OnFatalSignal(int signal, siginfo_t*, void* context) {
   const int lastErrno = errno;
   TakeAccountId();
+  CrashBuffers crash;
   RecordTime();
-  const TraceBuffers buffers{g_buffers.message, sizeof(g_buffers.message), g_buffers.line,
-                             sizeof(g_buffers.line)};
+  const TraceBuffers buffers{crash.message, sizeof(crash.message), crash.line, sizeof(crash.line)};
   EmitTraceLine(buffers, __LINE__, "Crashed at [%p] signal:%d pid:%d last errno:%d",
                 reinterpret_cast<void*>(StackWalk::FaultAddress(context)), signal, getpid(),
                 lastErrno);
   size_t count = 0;
   {
     OwnMemoryReader memory;
-    count = StackWalk::FromSignalContext(context, memory, g_buffers.frames);
+    count = StackWalk::FromSignalContext(context, memory, crash.frames);
   }
   for (size_t i = 0; i < count; ++i) {
     EmitTraceLine(buffers, __LINE__, "Frame %d: %p  sp:%p", static_cast<int>(i + 1),
-                  reinterpret_cast<void*>(g_buffers.frames[i].returnAddress),
-                  reinterpret_cast<void*>(g_buffers.frames[i].stackPointer));
+                  reinterpret_cast<void*>(crash.frames[i].returnAddress),
+                  reinterpret_cast<void*>(crash.frames[i].stackPointer));
   }
   EmitTraceLine(buffers, __LINE__, "----- END TRACE -----");
   CloseDump();

@@ -28,11 +28,11 @@ class ProcDir {
   bool IsProcessEntry(const dirent* entry) const;
 
  private:
-  int fd_;                        // the open directory, or -1
-  alignas(8) char buffer_[1024];  // records of the last getdents64
-  size_t length_ = 0;             // bytes in buffer_
-  size_t position_ = 0;           // next record in buffer_
-  dirent entry_{};                // the entry Next() gave last
+  int fd_;                       // the open directory, or -1
+  alignas(8) char buffer_[512];  // records of the last getdents64
+  size_t length_ = 0;            // bytes in buffer_
+  size_t position_ = 0;          // next record in buffer_
+  dirent entry_{};               // the entry Next() gave last
 };
 
 // Lines of one /proc file, read straight into a fixed buffer: the watch
@@ -53,7 +53,7 @@ class ProcFile {
 
  private:
   int fd_;               // the open file, or -1
-  char buffer_[2048];    // what the last read gave
+  char buffer_[512];     // what the last read gave (small: it lives on the stack)
   size_t length_ = 0;    // bytes in buffer_
   size_t position_ = 0;  // next unread byte of buffer_
 };
