@@ -53,7 +53,7 @@ class ProcFile {
 
  private:
   int fd_;               // the open file, or -1
-  char buffer_[512];     // what the last read gave (small: it lives on the stack)
+  char buffer_[1024];    // what the last read gave (small: it lives on the stack)
   size_t length_ = 0;    // bytes in buffer_
   size_t position_ = 0;  // next unread byte of buffer_
 };
