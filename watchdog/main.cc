@@ -33,7 +33,7 @@ int main(int argc, char* argv[]) {
   // must be out before an exit or a fork. Its buffer is static and small,
   // where the C library would take a page from the heap for good; a longer
   // line just goes out in more than one write.
-  static char stdoutBuffer[512];
+  static char stdoutBuffer[256];
   std::setvbuf(stdout, stdoutBuffer, _IOLBF, sizeof(stdoutBuffer));
   std::signal(SIGHUP, SIG_IGN);
   std::signal(SIGPIPE, SIG_IGN);
