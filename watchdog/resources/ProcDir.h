@@ -3,36 +3,27 @@
 // A bare walk over one directory of the process file system. DirReader stats
 // every entry and ends at the first one it cannot stat; under /proc an entry
 // can vanish at any moment and a scan must go on past it, so these walks use
-// the type that the listing itself gives. The listing is read with
-// getdents64 into a small buffer inside the walk: opendir's heap buffer of
-// 32 KiB would leave its pages dirty in the heap for good.
-
-#include <dirent.h>
+// the type that the listing itself gives.
 
 #include <cstddef>
 #include <cstdint>
+
+#include "common/io/DirWalk.h"
 
 namespace SysResMon {
 
 class ProcDir {
  public:
-  explicit ProcDir(const char* path);
-  ~ProcDir();
-  ProcDir(const ProcDir&) = delete;
-  ProcDir& operator=(const ProcDir&) = delete;
+  explicit ProcDir(const char* path) : walk_(path) {}
 
-  bool IsOpen() const { return fd_ >= 0; }
+  bool IsOpen() const { return walk_.IsOpen(); }
   // Next entry, "." and ".." included; null at the end.
-  const dirent* Next();
+  const dirent* Next() { return walk_.Next(); }
   // A directory whose name begins with a digit: one process.
   bool IsProcessEntry(const dirent* entry) const;
 
  private:
-  int fd_;                       // the open directory, or -1
-  alignas(8) char buffer_[512];  // records of the last getdents64
-  size_t length_ = 0;            // bytes in buffer_
-  size_t position_ = 0;          // next record in buffer_
-  dirent entry_{};               // the entry Next() gave last
+  DirWalk walk_;  // the listing
 };
 
 // Lines of one /proc file, read straight into a fixed buffer: the watch
