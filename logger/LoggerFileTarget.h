@@ -55,6 +55,9 @@ class LoggerFileTarget final : public LoggerBaseTarget {
   void CloseCurrentFile();
   bool WriteHeaderAtStart(const char* text, size_t length);
   void ReopenIfLost();
+  // The directory made again and the current file reopened, at most once a
+  // reopen period.
+  void Reopen();
 
   uint32_t currentSize_ = 0;            // bytes counted in the current file
   uint32_t fileIndex_ = 0;              // current file, 0 .. numFiles_ - 1
