@@ -28,8 +28,12 @@ struct KeyRow {
 
 constexpr KeyRow Row(const char* name, ConfigValueType type, int32_t number, const char* text) {
   KeyRow row{{}, type, number, {}};
-  for (size_t n = 0; name[n] != '\0'; ++n) row.name[n] = name[n];
-  for (size_t n = 0; text[n] != '\0'; ++n) row.text[n] = text[n];
+  // A text too long for its array fails to compile at its terminator.
+  size_t n = 0;
+  for (; name[n] != '\0'; ++n) row.name[n] = name[n];
+  row.name[n] = '\0';
+  for (n = 0; text[n] != '\0'; ++n) row.text[n] = text[n];
+  row.text[n] = '\0';
   return row;
 }
 constexpr KeyRow Str(const char* name, const char* text) {
