@@ -1,6 +1,7 @@
 #include "common/CrashHandler.h"
 
 #include <signal.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -8,7 +9,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include <new>
 
 #include "common/Clock.h"
 #include "common/LogFormat.h"
@@ -27,16 +27,29 @@ constexpr int kHandledSignals[] = {SIGSEGV, SIGBUS, SIGFPE};
 // leave its dump, so the handler never runs on the stack that overflowed.
 constexpr size_t kAltStackSize = 64 * 1024;
 
-// Process-wide, static, so that the handler never allocates.
+// Process-wide, static, so that the handler never allocates. All zero at
+// start, so that it lies in .bss.
 struct CrashState {
-  int dumpFd = -1;                             // the open dump file, or -1
-  long monotonicSec = 0;                       // monotonic seconds of the last recording
-  char timeText[256] = {};                     // its UTC wall-clock text, "" if unconvertible
-  char message[2048] = {};                     // the message of the line being written
-  char line[2048 + 256 + 256] = {};            // that line as printed or as a JSON line
-  char accountId[128] = {};                    // the account of the crash, for a core dump
-  const char* (*accountIdSource)() = nullptr;  // where the account id comes from
-  StackFrame frames[kMaxStackFrames] = {};     // the walked frames
+  bool hasDump;                      // whether dumpFd is open
+  int dumpFd;                        // the open dump file
+  long monotonicSec;                 // monotonic seconds of the last recording
+  char timeText[32];                 // its UTC wall-clock text, "" if unconvertible
+  char accountId[128];               // the account of the crash, for a core dump
+  const char* (*accountIdSource)();  // where the account id comes from
+};
+// What only a crash writes: on the handler's own stack, so that it costs no
+// memory until then.
+struct CrashBuffers {
+  char message[2048];                  // the message of the line being written
+  char line[2048 + 256 + 256];         // that line as printed or as a JSON line
+  StackFrame frames[kMaxStackFrames];  // the walked frames
+};
+// The lines written at installation are short, and use a smaller pair.
+struct TraceBuffers {
+  char* message;
+  size_t messageSize;
+  char* line;
+  size_t lineSize;
 };
 
 CrashState g_crash;
@@ -71,18 +84,24 @@ void RecordTime() {
 
 // Prints the message and a newline on standard output and, when the dump is
 // open, writes it there as a crash JSON line naming sourceLine.
-__attribute__((format(printf, 2, 3))) void EmitTraceLine(int sourceLine, const char* format, ...) {
+__attribute__((format(printf, 3, 4))) void EmitTraceLine(const TraceBuffers& buffers,
+                                                         int sourceLine, const char* format, ...) {
   va_list args;
   va_start(args, format);
-  SignalSafeFormatV(g_crash.message, sizeof(g_crash.message), format, args);
+  SignalSafeFormatV(buffers.message, buffers.messageSize, format, args);
   va_end(args);
-  size_t length = SignalSafeFormat(g_crash.line, sizeof(g_crash.line), "%s\n", g_crash.message);
-  WriteAll(STDOUT_FILENO, g_crash.line, length);
-  if (g_crash.dumpFd < 0) return;
-  length = SignalSafeFormat(g_crash.line, sizeof(g_crash.line), QWD_LOG_JSON_LINE_FORMAT, "CRASH",
+  size_t length = SignalSafeFormat(buffers.line, buffers.lineSize, "%s\n", buffers.message);
+  WriteAll(STDOUT_FILENO, buffers.line, length);
+  if (!g_crash.hasDump) return;
+  length = SignalSafeFormat(buffers.line, buffers.lineSize, QWD_LOG_JSON_LINE_FORMAT, "CRASH",
                             g_crash.monotonicSec, g_crash.timeText, kSourceFile, sourceLine,
-                            g_crash.message);
-  WriteAll(g_crash.dumpFd, g_crash.line, length);
+                            buffers.message);
+  WriteAll(g_crash.dumpFd, buffers.line, length);
+}
+
+void CloseDump() {
+  if (g_crash.hasDump) close(g_crash.dumpFd);
+  g_crash.hasDump = false;
 }
 
 void TakeAccountId() {
@@ -94,32 +113,35 @@ void TakeAccountId() {
 void OnFatalSignal(int signal, siginfo_t*, void* context) {
   const int lastErrno = errno;
   TakeAccountId();
+  CrashBuffers crash;
   RecordTime();
-  EmitTraceLine(__LINE__, "Crashed at [%p] signal:%d pid:%d last errno:%d",
+  const TraceBuffers buffers{crash.message, sizeof(crash.message), crash.line, sizeof(crash.line)};
+  EmitTraceLine(buffers, __LINE__, "Crashed at [%p] signal:%d pid:%d last errno:%d",
                 reinterpret_cast<void*>(StackWalk::FaultAddress(context)), signal, getpid(),
                 lastErrno);
   size_t count = 0;
   {
     OwnMemoryReader memory;
-    count = StackWalk::FromSignalContext(context, memory, g_crash.frames);
+    count = StackWalk::FromSignalContext(context, memory, crash.frames);
   }
   for (size_t i = 0; i < count; ++i) {
-    EmitTraceLine(__LINE__, "Frame %d: %p  sp:%p", static_cast<int>(i + 1),
-                  reinterpret_cast<void*>(g_crash.frames[i].returnAddress),
-                  reinterpret_cast<void*>(g_crash.frames[i].stackPointer));
+    EmitTraceLine(buffers, __LINE__, "Frame %d: %p  sp:%p", static_cast<int>(i + 1),
+                  reinterpret_cast<void*>(crash.frames[i].returnAddress),
+                  reinterpret_cast<void*>(crash.frames[i].stackPointer));
   }
-  EmitTraceLine(__LINE__, "----- END TRACE -----");
-  if (g_crash.dumpFd >= 0) close(g_crash.dumpFd);
-  g_crash.dumpFd = -1;
+  EmitTraceLine(buffers, __LINE__, "----- END TRACE -----");
+  CloseDump();
   SleepSec(1);
   abort();
 }
 
-// Allocated once for the process and never freed; the stack is the calling
-// thread's, the one thread of the programs that install the handler.
+// Mapped once for the process and never unmapped; the stack is the calling
+// thread's, the one thread of the programs that install the handler. A
+// mapping of its own stays untouched, and costs no memory, until a crash.
 void InstallAltStack() {
-  static char* stack = new (std::nothrow) char[kAltStackSize];
-  if (stack == nullptr) return;  // the handler then runs on the faulting stack
+  static void* stack =
+      mmap(nullptr, kAltStackSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (stack == MAP_FAILED) return;  // the handler then runs on the faulting stack
   stack_t alternate = {};
   alternate.ss_sp = stack;
   alternate.ss_size = kAltStackSize;
@@ -134,17 +156,21 @@ bool SetCrashHandler(const char* directory, const char* name, int32_t pid) {
   RecordTime();
   if (directory != nullptr) {
     char path[512];
+    char message[64];
+    char line[640];
     SignalSafeFormat(path, sizeof(path), QWD_CRASH_DUMP_NAME_FORMAT, directory, name, pid);
-    if (g_crash.dumpFd >= 0) close(g_crash.dumpFd);
+    CloseDump();
     // Written as root in the log directory: a planted link is removed, never followed.
     g_crash.dumpFd = OpenRegularFileForWriting(path);
-    if (g_crash.dumpFd < 0) {
-      const size_t length = SignalSafeFormat(g_crash.line, sizeof(g_crash.line),
-                                             "Failed creating crash dump file %s\n", path);
-      WriteAll(STDOUT_FILENO, g_crash.line, length);
+    g_crash.hasDump = g_crash.dumpFd >= 0;
+    if (!g_crash.hasDump) {
+      const size_t length =
+          SignalSafeFormat(line, sizeof(line), "Failed creating crash dump file %s\n", path);
+      WriteAll(STDOUT_FILENO, line, length);
       return false;
     }
-    EmitTraceLine(__LINE__, "----- START TRACE pid %d -----", pid);
+    EmitTraceLine({message, sizeof(message), line, sizeof(line)}, __LINE__,
+                  "----- START TRACE pid %d -----", pid);
   }
   InstallAltStack();
   struct sigaction action = {};
@@ -155,10 +181,7 @@ bool SetCrashHandler(const char* directory, const char* name, int32_t pid) {
   return true;
 }
 
-void CloseCrashDump() {
-  if (g_crash.dumpFd >= 0) close(g_crash.dumpFd);
-  g_crash.dumpFd = -1;
-}
+void CloseCrashDump() { CloseDump(); }
 
 void SetCrashAccountIdSource(const char* (*getAccountId)()) {
   g_crash.accountIdSource = getAccountId;

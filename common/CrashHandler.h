@@ -5,7 +5,7 @@
 // installed once at start-up, before the logger exists, and never uses it:
 // its lines are JSON lines of level "CRASH" written straight into the dump.
 // Everything the handler needs is opened and warmed up at installation, so
-// that at the crash nothing is left but formatting into static buffers and
+// that at the crash nothing is left but formatting into its own buffers and
 // write(2).
 
 #include <cstdint>

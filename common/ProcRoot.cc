@@ -6,17 +6,22 @@
 
 namespace {
 
-// A root held as a copied path, "/proc" until set.
+class RealProcFs final : public ProcFs {
+ public:
+  const char* Root() override { return "/proc"; }
+};
+
+// A root held as a copied path.
 class PathProcFs final : public ProcFs {
  public:
   const char* Root() override { return root_.data(); }
   void SetRoot(const char* root) { SafeStrCopy(root_, root); }
 
  private:
-  std::array<char, 256> root_{"/proc"};  // the directory, terminated
+  std::array<char, 256> root_{};  // the directory, terminated
 };
 
-PathProcFs g_realProcFs;
+RealProcFs g_realProcFs;
 PathProcFs g_setProcFs;  // the root given to SetProcRoot
 Seam<ProcFs> g_procFs(&g_realProcFs);
 

@@ -14,7 +14,7 @@ void ComponentsLogLevelManager::Init() {
   for (uint32_t row = 0; row < kNumConfigurationVars; ++row) {
     const LoggerLevel level =
         row == LOGGER_COMPONENT_SNIFFER ? LoggerLevel::DEBUG : LoggerLevel::INFO;
-    levels_[row] = IsLogComponent(row) ? static_cast<int32_t>(level) : 0;
+    levels_[row] = IsLogComponent(row) ? static_cast<uint8_t>(level) : 0;
   }
 }
 
@@ -22,6 +22,6 @@ bool ComponentsLogLevelManager::SetComponentLogLevel(uint32_t component, uint32_
   if (level >= static_cast<uint32_t>(LoggerLevel::INVALID) || !IsLogComponent(component)) {
     return false;
   }
-  levels_[component] = static_cast<int32_t>(level);
+  levels_[component] = static_cast<uint8_t>(level);
   return true;
 }

@@ -25,5 +25,6 @@ class ComponentsLogLevelManager {
   bool SetComponentLogLevel(uint32_t component, uint32_t level);
 
  private:
-  std::array<int32_t, kNumConfigurationVars> levels_{};  // minimum level per row
+  // A byte each: every level is below INVALID, and the table stays small.
+  std::array<uint8_t, kNumConfigurationVars> levels_{};  // minimum level per row
 };

@@ -40,6 +40,19 @@ class LineBuilder {
     if (value < 0) *--first = '-';
     Append(first, static_cast<size_t>(digits + sizeof(digits) - first));
   }
+  // The message as FormatMessage cuts it, escaped. With room for the longest
+  // cut message it is formatted in place: no message buffer on the stack,
+  // which this path, the deepest of the watchdog's, would make deeper still.
+  void AppendMessage(const char* format, va_list args) {
+    if (failed_ || capacity_ - used_ < kMessageSize) {
+      AppendMessageAside(format, args);
+      return;
+    }
+    char* message = buffer_ + used_;
+    FormatMessage(message, kMessageSize, format, args);
+    EscapeMessage(message);
+    used_ += std::strlen(message);
+  }
   // Zero-terminates what was built; the length, or -1 when something did not fit.
   int32_t Finish() {
     if (capacity_ != 0) buffer_[used_] = '\0';
@@ -51,6 +64,13 @@ class LineBuilder {
   size_t capacity_;      // its size
   size_t used_ = 0;      // bytes built so far
   bool failed_ = false;  // a piece did not fit
+
+  __attribute__((noinline)) void AppendMessageAside(const char* format, va_list args) {
+    char message[kMessageSize];
+    FormatMessage(message, sizeof(message), format, args);
+    EscapeMessage(message);
+    Append(message);
+  }
 };
 constexpr char kHumanReadablePrefixFormat[] = " %s(%d): %s: %s %s ";
 constexpr size_t kHeaderMinCapacity = 102;
@@ -101,9 +121,6 @@ int32_t FormatLogLineVaArgsAsJson(char* buffer, size_t capacity, const char* lev
                                   const char* sourceFile, int line, time_t wallClockSeconds,
                                   long monotonicSeconds, const char* /*functionName*/,
                                   const char* format, va_list args, DateTimeCache* dateCache) {
-  char message[kMessageSize];
-  if (FormatMessage(message, sizeof(message), format, args) < 0) return -1;
-  EscapeMessage(message);
   char dateTime[kDateTimeSize];
   const size_t dateLength = dateCache != nullptr
                                 ? dateCache->Format(dateTime, sizeof(dateTime), wallClockSeconds)
@@ -123,7 +140,7 @@ int32_t FormatLogLineVaArgsAsJson(char* buffer, size_t capacity, const char* lev
   json.Append(QWD_LOG_JSON_BEFORE_LINE);
   json.AppendNumber(line);
   json.Append(QWD_LOG_JSON_BEFORE_MESSAGE);
-  json.Append(message);
+  json.AppendMessage(format, args);
   json.Append(QWD_LOG_JSON_END);
   return json.Finish();
 }

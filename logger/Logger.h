@@ -122,8 +122,10 @@ class Logger final : public LogSink {
   uint32_t generation_ = 0;                                             // 0, 1 or 2
   std::array<char, kAccountIdSize> accountId_{};                        // heads every file
   std::atomic<uint8_t> humanReadable_{0};                               // 0: JSON lines
-  std::array<char, kLineBufferSize> lineBuffer_{};                      // the line being written
   LogLineFormatter::DateTimeCache dateCache_;         // date text of the last second logged
-  SignalLine signalLine_{};                           // a signal handler's line, in the slot
   std::atomic<uint32_t> signalLineState_{kSlotFree};  // SignalLineState of the slot
+  // Last, the buffers of which a line touches only the start: the pages past
+  // it are never written and cost no memory.
+  std::array<char, kLineBufferSize> lineBuffer_{};  // the line being written
+  SignalLine signalLine_{};                         // a signal handler's line, in the slot
 };

@@ -83,7 +83,9 @@ void LoggerFileTarget::CloseCurrentFile() {
   writer_.reset();
 }
 
-bool LoggerFileTarget::OpenCurrentFile() {
+// Out of line: its buffers would otherwise sit in the frame of every Write,
+// on the deepest path the stack takes.
+__attribute__((noinline)) bool LoggerFileTarget::OpenCurrentFile() {
   CloseCurrentFile();
   if (!LoggerUtils::GenerateLogFileName(path_.data(), path_.size(), directory_.get(), prefix_.get(),
                                         pid_, GetGeneration(), fileIndex_)) {
@@ -120,7 +122,11 @@ bool LoggerFileTarget::WriteHeader(const char* text, size_t length) {
 // the lines would go on into an unlinked file, or nowhere.
 void LoggerFileTarget::ReopenIfLost() {
   struct stat st {};
-  if (writer_ && stat(path_.data(), &st) == 0) return;
+  if (!writer_ || stat(path_.data(), &st) != 0) Reopen();
+}
+
+// Out of line, as OpenCurrentFile is: kept off the stack of every Write.
+__attribute__((noinline)) void LoggerFileTarget::Reopen() {
   const int32_t now = GetCurrentTimeInSec();
   if (now < nextReopenSec_) return;
   nextReopenSec_ = now + kReopenPeriodSec;

@@ -16,14 +16,16 @@
 #include <memory>
 
 #include "common/io/FileWriter.h"
+#include "logger/LogLineFormatter.h"
 #include "logger/LoggerBaseTarget.h"
 #include "logger/LoggerConfig.h"
 
 class LoggerFileTarget final : public LoggerBaseTarget {
  public:
   static constexpr size_t kPathSize = 256;
-  // Longest stored header, terminator included.
-  static constexpr size_t kHeaderLineSize = 1024;
+  // Longest stored header, terminator included: the logger's header line is
+  // of one fixed length.
+  static constexpr size_t kHeaderLineSize = LogLineFormatter::kHeaderLineLength + 1;
 
   // Null for a null or non-file configuration, a rotation of zero files or
   // exhausted memory. No file is opened until the target is enabled.
@@ -53,6 +55,9 @@ class LoggerFileTarget final : public LoggerBaseTarget {
   void CloseCurrentFile();
   bool WriteHeaderAtStart(const char* text, size_t length);
   void ReopenIfLost();
+  // The directory made again and the current file reopened, at most once a
+  // reopen period.
+  void Reopen();
 
   uint32_t currentSize_ = 0;            // bytes counted in the current file
   uint32_t fileIndex_ = 0;              // current file, 0 .. numFiles_ - 1

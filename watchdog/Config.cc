@@ -14,30 +14,34 @@ constexpr uint32_t kComponent = LOGGER_COMPONENT_WATCHDOG;
 constexpr size_t kMaxKeySize = 65;     // keys of at most 64 characters
 constexpr size_t kMaxValueSize = 129;  // values of at most 128 characters
 
-// One key's value; only the member of the key's type is ever used.
-union ConfigSlot {
-  char str[132];
-  int32_t i;
-  uint8_t b;
-};
-static_assert(sizeof(ConfigSlot) == 132, "a value slot is 132 bytes");
+constexpr size_t kMaxNameSize = 24;     // the longest key name and its '\0'
+constexpr size_t kMaxDefaultSize = 64;  // the longest default text and its '\0'
 
+// Texts held in place, not pointed to: the table then needs no relocation at
+// load and stays shared with the file.
 struct KeyRow {
-  const char* name;
+  char name[kMaxNameSize];
   ConfigValueType type;
-  ConfigSlot defaultValue;
+  int32_t number;              // the default of an integer or boolean key
+  char text[kMaxDefaultSize];  // the default of a string key
 };
 
-constexpr KeyRow Str(const char* name, const char* text) {
-  KeyRow row{name, CFG_TYPE_STRING, {}};
-  for (size_t n = 0; text[n] != '\0'; ++n) row.defaultValue.str[n] = text[n];
+constexpr KeyRow Row(const char* name, ConfigValueType type, int32_t number, const char* text) {
+  KeyRow row{{}, type, number, {}};
+  // A text too long for its array fails to compile at its terminator.
+  size_t n = 0;
+  for (; name[n] != '\0'; ++n) row.name[n] = name[n];
+  row.name[n] = '\0';
+  for (n = 0; text[n] != '\0'; ++n) row.text[n] = text[n];
+  row.text[n] = '\0';
   return row;
 }
-constexpr KeyRow Int(const char* name, int32_t value) {
-  return KeyRow{name, CFG_TYPE_INT, {.i = value}};
+constexpr KeyRow Str(const char* name, const char* text) {
+  return Row(name, CFG_TYPE_STRING, 0, text);
 }
+constexpr KeyRow Int(const char* name, int32_t value) { return Row(name, CFG_TYPE_INT, value, ""); }
 constexpr KeyRow Bool(const char* name, bool value) {
-  return KeyRow{name, CFG_TYPE_BOOL, {.b = static_cast<uint8_t>(value)}};
+  return Row(name, CFG_TYPE_BOOL, value ? 1 : 0, "");
 }
 
 // Indexed by ConfigKey: the numbers are the keys' places here.
@@ -82,15 +86,48 @@ constexpr KeyRow kKeys[CFG_NUM_OF_KEYS] = {
     Int("Safe3Result", 0),
     Int("ProcModulesRetries", 3),
 };
-static_assert(kKeys[CFG_NUM_OF_KEYS - 1].name != nullptr, "a row for every key");
+static_assert(kKeys[CFG_NUM_OF_KEYS - 1].name[0] != '\0', "a row for every key");
 
-constexpr std::array<ConfigSlot, CFG_NUM_OF_KEYS> Defaults() {
-  std::array<ConfigSlot, CFG_NUM_OF_KEYS> values{};
-  for (size_t key = 0; key < CFG_NUM_OF_KEYS; ++key) values[key] = kKeys[key].defaultValue;
+constexpr size_t CountStringKeys() {
+  size_t count = 0;
+  for (const KeyRow& row : kKeys) count += row.type == CFG_TYPE_STRING ? 1 : 0;
+  return count;
+}
+constexpr size_t kNumStringKeys = CountStringKeys();
+
+// Where each string key keeps its text among the string slots.
+constexpr std::array<uint8_t, CFG_NUM_OF_KEYS> StringSlots() {
+  std::array<uint8_t, CFG_NUM_OF_KEYS> slots{};
+  uint8_t next = 0;
+  for (size_t key = 0; key < CFG_NUM_OF_KEYS; ++key) {
+    if (kKeys[key].type == CFG_TYPE_STRING) slots[key] = next++;
+  }
+  return slots;
+}
+constexpr std::array<uint8_t, CFG_NUM_OF_KEYS> kStringSlot = StringSlots();
+
+// Only the strings take a text slot, so that the table is as small as the
+// values it holds.
+struct Values {
+  int32_t number[CFG_NUM_OF_KEYS];           // integer and boolean keys, by key
+  char text[kNumStringKeys][kMaxValueSize];  // string keys, by kStringSlot
+};
+
+constexpr Values Defaults() {
+  Values values{};
+  for (size_t key = 0; key < CFG_NUM_OF_KEYS; ++key) {
+    values.number[key] = kKeys[key].number;
+    if (kKeys[key].type != CFG_TYPE_STRING) continue;
+    for (size_t n = 0; kKeys[key].text[n] != '\0'; ++n) {
+      values.text[kStringSlot[key]][n] = kKeys[key].text[n];
+    }
+  }
   return values;
 }
 
-std::array<ConfigSlot, CFG_NUM_OF_KEYS> cfgValues = Defaults();
+Values cfgValues = Defaults();
+
+char* Text(uint32_t key) { return cfgValues.text[kStringSlot[key]]; }
 
 bool HasType(uint32_t key, ConfigValueType type) {
   return key < CFG_NUM_OF_KEYS && kKeys[key].type == type;
@@ -113,7 +150,7 @@ bool StoreReadValue(uint32_t key, const char* value) {
   const char* name = kKeys[key].name;
   switch (kKeys[key].type) {
     case CFG_TYPE_STRING:
-      SafeStrCopy(cfgValues[key].str, kMaxValueSize, value);
+      SafeStrCopy(Text(key), kMaxValueSize, value);
       return true;
     case CFG_TYPE_INT: {
       // Parsed aside: a failed parse must not leave its partial number behind.
@@ -123,11 +160,11 @@ bool StoreReadValue(uint32_t key, const char* value) {
                       static_cast<int>(key), value);
         return false;
       }
-      cfgValues[key].i = parsed;
+      cfgValues.number[key] = parsed;
       return true;
     }
     case CFG_TYPE_BOOL:
-      cfgValues[key].b = StrToBool(value) ? 1 : 0;
+      cfgValues.number[key] = StrToBool(value) ? 1 : 0;
       return true;
   }
   QWD_LOG_ERROR(kComponent, "key '%s'(%d) is of type %d?\n", name, static_cast<int>(key),
@@ -185,7 +222,7 @@ const char* GetStrValue(uint32_t key) {
                   static_cast<int>(key), TypeForLog(key));
     return "N/A";
   }
-  return cfgValues[key].str;
+  return Text(key);
 }
 
 int32_t GetIntValue(uint32_t key) {
@@ -194,7 +231,7 @@ int32_t GetIntValue(uint32_t key) {
                   static_cast<int>(key), TypeForLog(key));
     return 0;
   }
-  return cfgValues[key].i;
+  return cfgValues.number[key];
 }
 
 bool GetBoolValue(uint32_t key) {
@@ -203,7 +240,7 @@ bool GetBoolValue(uint32_t key) {
                   static_cast<int>(key), TypeForLog(key));
     return false;
   }
-  return cfgValues[key].b != 0;
+  return cfgValues.number[key] != 0;
 }
 
 const char* GetName(uint32_t key) {
@@ -229,8 +266,8 @@ void SetStrValue(uint32_t key, const char* value) {
                   static_cast<int>(key), TypeForLog(key));
     return;
   }
-  QWD_LOG_VERBOSE(kComponent, "'%s': '%s' -> '%s'\n", kKeys[key].name, cfgValues[key].str, value);
-  SafeStrCopy(cfgValues[key].str, kMaxValueSize, value);
+  QWD_LOG_VERBOSE(kComponent, "'%s': '%s' -> '%s'\n", kKeys[key].name, Text(key), value);
+  SafeStrCopy(Text(key), kMaxValueSize, value);
 }
 
 void SetIntValue(uint32_t key, int32_t value) {
@@ -240,8 +277,8 @@ void SetIntValue(uint32_t key, int32_t value) {
     return;
   }
   QWD_LOG_VERBOSE(kComponent, "'%s': %d -> %d\n", kKeys[key].name,
-                  static_cast<int>(cfgValues[key].i), static_cast<int>(value));
-  cfgValues[key].i = value;
+                  static_cast<int>(cfgValues.number[key]), static_cast<int>(value));
+  cfgValues.number[key] = value;
 }
 
 void SetBoolValue(uint32_t key, bool value) {
@@ -250,19 +287,19 @@ void SetBoolValue(uint32_t key, bool value) {
                   BoolToStr(value), static_cast<int>(key), TypeForLog(key));
     return;
   }
-  QWD_LOG_VERBOSE(kComponent, "'%s': %s -> %s\n", kKeys[key].name, BoolToStr(cfgValues[key].b),
+  QWD_LOG_VERBOSE(kComponent, "'%s': %s -> %s\n", kKeys[key].name, BoolToStr(cfgValues.number[key]),
                   BoolToStr(value));
-  cfgValues[key].b = value ? 1 : 0;
+  cfgValues.number[key] = value ? 1 : 0;
 }
 
 void ResetToDefaults() { cfgValues = Defaults(); }
 
 void ResetIfNegative(uint32_t key) {
-  if (!HasType(key, CFG_TYPE_INT) || cfgValues[key].i >= 0) return;
+  if (!HasType(key, CFG_TYPE_INT) || cfgValues.number[key] >= 0) return;
   QWD_LOG_WARN(kComponent, "Config value '%s' = %d is negative, using its default %d\n",
-               kKeys[key].name, static_cast<int>(cfgValues[key].i),
-               static_cast<int>(kKeys[key].defaultValue.i));
-  cfgValues[key].i = kKeys[key].defaultValue.i;
+               kKeys[key].name, static_cast<int>(cfgValues.number[key]),
+               static_cast<int>(kKeys[key].number));
+  cfgValues.number[key] = kKeys[key].number;
 }
 
 }  // namespace Config

@@ -15,6 +15,7 @@
 #include "common/Log.h"
 #include "common/RootFiles.h"
 #include "common/StringUtils.h"
+#include "common/io/DirWalk.h"
 #include "watchdog/Config.h"
 #include "watchdog/StartupReport.h"
 
@@ -23,20 +24,7 @@ namespace {
 constexpr uint32_t kComponent = LOGGER_COMPONENT_WATCHDOG;
 
 // The directory handle of one walk, closed on every way out.
-class OpenDir {
- public:
-  explicit OpenDir(const char* path) : dir_(opendir(path)) {}
-  ~OpenDir() {
-    if (dir_ != nullptr) closedir(dir_);
-  }
-  OpenDir(const OpenDir&) = delete;
-  OpenDir& operator=(const OpenDir&) = delete;
-  bool IsOpen() const { return dir_ != nullptr; }
-  dirent* Next() { return readdir(dir_); }
-
- private:
-  DIR* dir_;  // null when the directory could not be opened
-};
+using OpenDir = DirWalk;
 
 struct ProgramLink {
   const char* fileName;  // in the version directory
@@ -102,7 +90,7 @@ bool CreateSharedLibLinks(const char* versionDir) {
     return false;
   }
   const char* libPath = Config::GetStrValue(CFG_LIB_PATH);
-  for (dirent* entry; (entry = dir.Next()) != nullptr;) {
+  for (const dirent* entry; (entry = dir.Next()) != nullptr;) {
     if (std::strstr(entry->d_name, ".so") == nullptr) continue;
     char source[kPathSize];
     char link[kPathSize];
@@ -148,7 +136,7 @@ void RemovePreviousVersions(const char* version) {
     QWD_LOG_ERROR(kComponent, "Failed opening download dir '%s'\n", downloadDir);
     return;
   }
-  for (dirent* entry; (entry = dir.Next()) != nullptr;) {
+  for (const dirent* entry; (entry = dir.Next()) != nullptr;) {
     const char* name = entry->d_name;
     if (entry->d_type != DT_DIR || std::isdigit(static_cast<unsigned char>(name[0])) == 0 ||
         std::strcmp(name, version) == 0) {

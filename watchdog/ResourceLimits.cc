@@ -11,11 +11,12 @@ namespace {
 constexpr uint32_t kComponent = LOGGER_COMPONENT_WATCHDOG;
 constexpr int kLimitsPerLine = 4;
 
+// Texts held in place, not pointed to: the table then needs no relocation.
 struct ResourceLimit {
   int resource;
-  const char* name;
+  char name[11];
   rlim_t divisor;
-  const char* unit;
+  char unit[7];
 };
 
 // MSGQUEUE counts in thousands ("k") where the sizes count in kibibytes: the

@@ -8,7 +8,7 @@
 
 #include "common/Log.h"
 #include "common/StringUtils.h"
-#include "common/io/Stream.h"
+#include "common/io/Descriptor.h"
 
 namespace {
 constexpr uint32_t kComponent = LOGGER_COMPONENT_INFRA_IO;
@@ -32,15 +32,32 @@ bool FileReader::FileReaderCtor(const char* path, int32_t closeAllowed) {
   return true;
 }
 
-FileReader::~FileReader() {
-  if (stream_ != nullptr) std::fclose(stream_);
-}
+FileReader::~FileReader() { CloseFile(); }
 
 bool FileReader::OpenIfNeeded() {
-  if (stream_ == nullptr) {
-    stream_ = OpenStream(path_.data(), "rbe");
+  if (fd_ < 0) fd_ = open(path_.data(), O_RDONLY | O_CLOEXEC);
+  return fd_ >= 0;
+}
+
+void FileReader::CloseFile() {
+  if (fd_ >= 0) close(fd_);
+  fd_ = -1;
+  bufferedLength_ = 0;
+  bufferedPosition_ = 0;
+}
+
+bool FileReader::NextChar(char* c) {
+  if (bufferedPosition_ == bufferedLength_) {
+    ssize_t got = 0;
+    do {
+      got = read(fd_, buffered_.data(), buffered_.size());
+    } while (got < 0 && errno == EINTR);
+    bufferedLength_ = got > 0 ? static_cast<size_t>(got) : 0;
+    bufferedPosition_ = 0;
+    if (bufferedLength_ == 0) return false;
   }
-  return stream_ != nullptr;
+  *c = buffered_[bufferedPosition_++];
+  return true;
 }
 
 size_t FileReader::Read(void* buffer, size_t n) {
@@ -49,7 +66,11 @@ size_t FileReader::Read(void* buffer, size_t n) {
                   std::strerror(errno), errno);
     return 0;
   }
-  return std::fread(buffer, 1, n, stream_);
+  auto* bytes = static_cast<char*>(buffer);
+  size_t done = 0;
+  while (done < n && bufferedPosition_ < bufferedLength_)
+    bytes[done++] = buffered_[bufferedPosition_++];
+  return done + TransferAll(read, fd_, bytes + done, n - done);
 }
 
 int32_t FileReader::ReadLine(char* buffer, int32_t size) {
@@ -58,15 +79,22 @@ int32_t FileReader::ReadLine(char* buffer, int32_t size) {
                   std::strerror(errno));
     return 0;
   }
-  if (buffer == nullptr || size < 1 || std::fgets(buffer, size, stream_) == nullptr) return 0;
+  if (buffer == nullptr || size < 1) return 0;
+  // fgets' rules: up to size - 1 characters, through the newline; nothing
+  // read at the end of the file is a failure.
+  int32_t used = 0;
+  char c = '\0';
+  while (used + 1 < size && NextChar(&c)) {
+    buffer[used++] = c;
+    if (c == '\n') break;
+  }
+  if (used == 0 && size > 1) return 0;
+  buffer[used] = '\0';
   return static_cast<int32_t>(std::strlen(buffer)) + 1;
 }
 
 void FileReader::Close() {
-  if (closeAllowed_ == 1 && stream_ != nullptr) {
-    std::fclose(stream_);
-    stream_ = nullptr;
-  }
+  if (closeAllowed_ == 1) CloseFile();
 }
 
 uint32_t FileReader::GetSize() {
@@ -79,7 +107,7 @@ uint32_t FileReader::GetSize() {
   return static_cast<uint32_t>(st.st_size);
 }
 
-int FileReader::GetFd() { return OpenIfNeeded() ? fileno(stream_) : -1; }
+int FileReader::GetFd() { return OpenIfNeeded() ? fd_ : -1; }
 
 int FileReader::Seek(int64_t offset) {
   if (!OpenIfNeeded()) {
@@ -87,5 +115,8 @@ int FileReader::Seek(int64_t offset) {
                   std::strerror(errno), errno);
     return 0;
   }
-  return SeekStream(stream_, offset);
+  if (offset < -1) return -1;
+  bufferedLength_ = 0;
+  bufferedPosition_ = 0;
+  return SeekDescriptor(fd_, offset);
 }

@@ -1,10 +1,11 @@
 #pragma once
 
 // Lazily opened binary read of one file: blocks, lines, size, seek, descriptor.
-// The stream opens ("rb") on the first reading operation and stays open.
+// The file opens on the first reading operation and stays open. Lines are
+// read through a small buffer inside the reader, not a stdio stream with a
+// heap buffer of its own.
 
 #include <array>
-#include <cstdio>
 #include <memory>
 
 #include "common/io/Reader.h"
@@ -15,7 +16,7 @@ class FileReader : public Reader {
 
   // Null (logged) when the path has 256 characters or more.
   friend std::unique_ptr<FileReader> CreateFileReader(const char* path, int32_t closeAllowed);
-  // Closes the stream whatever the close-allowed flag says.
+  // Closes the file whatever the close-allowed flag says.
   ~FileReader() override;
 
   size_t Read(void* buffer, size_t n) override;
@@ -28,8 +29,8 @@ class FileReader : public Reader {
   uint32_t GetSize() override;
   int GetFd() override;
   // -1 is the end of the file, other negatives return -1 without moving.
-  // Returns the fseek result, or 0 when the file cannot be opened (callers
-  // must not take that for success).
+  // Returns 0 or -1, or 0 when the file cannot be opened (callers must not
+  // take that for success).
   virtual int Seek(int64_t offset);
 
  protected:
@@ -38,11 +39,19 @@ class FileReader : public Reader {
   bool FileReaderCtor(const char* path, int32_t closeAllowed);
 
  private:
-  bool OpenIfNeeded();
+  static constexpr size_t kBufferSize = 512;
 
-  std::array<char, kMaxPath> path_{};  // the file, at most 255 characters
-  FILE* stream_ = nullptr;             // open stream, or null until first use
-  int32_t closeAllowed_ = 0;           // only 1 lets Close() close the stream
+  bool OpenIfNeeded();
+  // Takes buffered bytes first; false at the end of the file or on an error.
+  bool NextChar(char* c);
+  void CloseFile();
+
+  std::array<char, kMaxPath> path_{};         // the file, at most 255 characters
+  int fd_ = -1;                               // the open file, or -1 until first use
+  int32_t closeAllowed_ = 0;                  // only 1 lets Close() close the file
+  std::array<char, kBufferSize> buffered_{};  // read ahead for ReadLine
+  size_t bufferedLength_ = 0;                 // bytes in buffered_
+  size_t bufferedPosition_ = 0;               // next unread byte of buffered_
 };
 
 std::unique_ptr<FileReader> CreateFileReader(const char* path, int32_t closeAllowed);

@@ -6,7 +6,7 @@
 
 #include "common/Log.h"
 #include "common/StringUtils.h"
-#include "common/io/Stream.h"
+#include "common/io/Descriptor.h"
 
 namespace {
 constexpr uint32_t kComponent = LOGGER_COMPONENT_INFRA_IO;
@@ -33,8 +33,8 @@ bool FileWriter::FileWriterCtor(const char* path, int32_t bufferSize) {
 FileWriter::~FileWriter() { Close(); }
 
 bool FileWriter::OpenIfNeeded() {
-  if (stream_ == nullptr) stream_ = OpenStream(path_.data(), "wbe");
-  return stream_ != nullptr;
+  if (fd_ < 0) fd_ = open(path_.data(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+  return fd_ >= 0;
 }
 
 size_t FileWriter::WriteString(const char* text) {
@@ -47,12 +47,8 @@ size_t FileWriter::Write(const void* buffer, size_t n, int32_t mode) {
                   std::strerror(errno));
     return 0;
   }
-  const size_t written = std::fwrite(buffer, 1, n, stream_);
-  if (mode == kWriteAndClose) {
-    Close();
-  } else if (mode == kWriteAndFlush) {
-    std::fflush(stream_);
-  }
+  const size_t written = TransferAll(write, fd_, static_cast<const char*>(buffer), n);
+  if (mode == kWriteAndClose) Close();
   return written;
 }
 
@@ -62,21 +58,12 @@ int FileWriter::Seek(int64_t offset) {
                   path_.data(), std::strerror(errno));
     return -1;
   }
-  return SeekStream(stream_, offset);
+  return SeekDescriptor(fd_, offset);
 }
 
 void FileWriter::Close() {
-  if (stream_ != nullptr) {
-    std::fclose(stream_);
-    stream_ = nullptr;
+  if (fd_ >= 0) {
+    close(fd_);
+    fd_ = -1;
   }
-}
-
-bool FileWriter::FileWriterFlush() {
-  if (std::fflush(stream_) != 0) {
-    QWD_LOG_ERROR(kComponent, "Failed flushing '%s', errno %s(%d)\n", path_.data(),
-                  std::strerror(errno), errno);
-    return false;
-  }
-  return true;
 }

@@ -1,10 +1,10 @@
 #pragma once
 
-// Lazily opened write of one file. The stream opens with "wb" (create or
-// truncate) on first use; each Write chooses to close, flush or keep it.
+// Lazily opened write of one file. The file opens created or emptied, mode
+// 0666 less the umask, on first use; each Write chooses to close it or keep
+// it. Writes go straight to the file, so there is nothing left to flush.
 
 #include <array>
-#include <cstdio>
 #include <memory>
 
 #include "common/io/Writer.h"
@@ -18,17 +18,15 @@ class FileWriter : public Writer {
   // Null (logged) when the path has 255 characters or more: one below the
   // reader's bound, deliberately.
   friend std::unique_ptr<FileWriter> CreateFileWriter(const char* path, int32_t bufferSize);
-  // Closes the stream.
+  // Closes the file.
   ~FileWriter() override;
 
   // Write(text, strlen(text), kWriteAndClose): each call replaces the content.
   size_t WriteString(const char* text) override;
   size_t Write(const void* buffer, size_t n, int32_t mode) override;
-  // Opens with "wb" if needed (-1 when that fails), then the reader's rules.
+  // Opens if needed (-1 when that fails), then the reader's rules.
   int Seek(int64_t offset) override;
   void Close() override;
-  // True when fflush succeeds; with no open stream every output stream is flushed.
-  virtual bool FileWriterFlush();
 
  private:
   FileWriter() = default;
@@ -37,7 +35,7 @@ class FileWriter : public Writer {
 
   int32_t bufferSize_ = 0;             // creation value, read by nothing
   std::array<char, kMaxPath> path_{};  // the file, at most 254 characters
-  FILE* stream_ = nullptr;             // open stream, or null
+  int fd_ = -1;                        // the open file, or -1
 };
 
 std::unique_ptr<FileWriter> CreateFileWriter(const char* path, int32_t bufferSize);

@@ -8,20 +8,12 @@
 
 namespace SysResMon {
 
-ProcDir::ProcDir(const char* path) : dir_(opendir(path)) {}
-
-ProcDir::~ProcDir() {
-  if (dir_ != nullptr) closedir(dir_);
-}
-
-const dirent* ProcDir::Next() { return dir_ != nullptr ? readdir(dir_) : nullptr; }
-
 bool ProcDir::IsProcessEntry(const dirent* entry) const {
   if (!std::isdigit(static_cast<unsigned char>(entry->d_name[0]))) return false;
   if (entry->d_type != DT_UNKNOWN) return entry->d_type == DT_DIR;
   // Only file systems that do not type their entries cost a stat.
   struct stat st {};
-  return fstatat(dirfd(dir_), entry->d_name, &st, 0) == 0 && S_ISDIR(st.st_mode);
+  return fstatat(walk_.Fd(), entry->d_name, &st, 0) == 0 && S_ISDIR(st.st_mode);
 }
 
 ProcFile::ProcFile(const char* path) : fd_(open(path, O_RDONLY | O_CLOEXEC)) {}

@@ -5,28 +5,25 @@
 // can vanish at any moment and a scan must go on past it, so these walks use
 // the type that the listing itself gives.
 
-#include <dirent.h>
-
 #include <cstddef>
 #include <cstdint>
+
+#include "common/io/DirWalk.h"
 
 namespace SysResMon {
 
 class ProcDir {
  public:
-  explicit ProcDir(const char* path);
-  ~ProcDir();
-  ProcDir(const ProcDir&) = delete;
-  ProcDir& operator=(const ProcDir&) = delete;
+  explicit ProcDir(const char* path) : walk_(path) {}
 
-  bool IsOpen() const { return dir_ != nullptr; }
+  bool IsOpen() const { return walk_.IsOpen(); }
   // Next entry, "." and ".." included; null at the end.
-  const dirent* Next();
+  const dirent* Next() { return walk_.Next(); }
   // A directory whose name begins with a digit: one process.
   bool IsProcessEntry(const dirent* entry) const;
 
  private:
-  DIR* dir_;  // the open directory, or null when it could not be opened
+  DirWalk walk_;  // the listing
 };
 
 // Lines of one /proc file, read straight into a fixed buffer: the watch
@@ -47,7 +44,7 @@ class ProcFile {
 
  private:
   int fd_;               // the open file, or -1
-  char buffer_[2048];    // what the last read gave
+  char buffer_[1024];    // what the last read gave (small: it lives on the stack)
   size_t length_ = 0;    // bytes in buffer_
   size_t position_ = 0;  // next unread byte of buffer_
 };

@@ -31,4 +31,21 @@ TEST(FileReaderTest, LinesCountTheTerminatorSeekAndSize) {
   EXPECT_EQ(0u, reader->Read(line, 3)) << "positioned at the end";
 }
 
+// The reader reads ahead in a buffer far shorter than these texts.
+TEST(FileReaderTest, LinesAndBlocksGoOnPastTheReadAhead) {
+  TempDir dir;
+  const std::string longLine(600, 'x');
+  char line[1024] = {};
+  auto reader =
+      CreateFileReader(dir.Write("f", longLine + "\nab\n" + std::string(1000, 'y')).c_str(), 1);
+  EXPECT_EQ(602, reader->ReadLine(line, sizeof(line)));
+  EXPECT_EQ(longLine + "\n", line);
+  EXPECT_EQ(4, reader->ReadLine(line, sizeof(line)));
+  EXPECT_EQ(1000u, reader->Read(line, sizeof(line)));
+  EXPECT_EQ(std::string(line, 1000), std::string(1000, 'y'));
+  EXPECT_EQ(0, reader->Seek(601));
+  EXPECT_EQ(4, reader->ReadLine(line, sizeof(line))) << "the read-ahead is dropped by a seek";
+  EXPECT_STREQ("ab\n", line);
+}
+
 }  // namespace
