@@ -1,6 +1,5 @@
 #include "common/ProcessTree.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -13,6 +12,7 @@
 
 #include "common/Clock.h"
 #include "common/ProcRoot.h"
+#include "common/io/DirWalk.h"
 
 namespace {
 
@@ -24,10 +24,9 @@ constexpr uint32_t kKillPauseMsec = 20;
 
 // One pass: the number of processes signalled.
 int KillPass(pid_t ancestor, pid_t group) {
-  DIR* dir = opendir(GetProcRoot());
-  if (dir == nullptr) return 0;
+  DirWalk dir(GetProcRoot());
   int signalled = 0;
-  while (const dirent* entry = readdir(dir)) {
+  while (const dirent* entry = dir.Next()) {
     char* end = nullptr;
     const long pid = std::strtol(entry->d_name, &end, 10);
     pid_t parent = 0, pgid = 0;
@@ -42,7 +41,6 @@ int KillPass(pid_t ancestor, pid_t group) {
     if (group > 0 ? pgid != group : !DescendsFrom(static_cast<pid_t>(pid), ancestor)) continue;
     if (kill(static_cast<pid_t>(pid), SIGKILL) == 0) ++signalled;
   }
-  closedir(dir);
   return signalled;
 }
 
