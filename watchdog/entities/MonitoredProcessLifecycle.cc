@@ -238,6 +238,7 @@ bool MonitoredProcess::IsProcessGone() const {
 }
 
 StatusCode MonitoredProcess::FinishStop(MonitoredEntityStatus status, StatusCode result) {
+  files_.Close();
   pid_ = -1;
   SetStatus(status);
   return result;

@@ -59,6 +59,7 @@ class SysResMonTest : public ::testing::Test {
 
   TempDir root_;
   LogCapture log_;
+  SysResMon::ProcessFiles files_;
 };
 
 TEST_F(SysResMonTest, MeminfoAndStatusAreReadFieldByFieldWithinTheirBuffers) {
@@ -102,8 +103,9 @@ TEST_F(SysResMonTest, PeaksAreLoggedOnlyAfterAFullMemoryStepOrAnExtraDescriptor)
   for (const auto& [rss, fds, wantRss, wantFds] : steps) {
     SCOPED_TRACE(std::to_string(rss) + " kB, fds " + std::to_string(fds));
     Add({.pid = 20, .vmRssKb = rss, .vmHwmKb = 12000, .openFds = fds});
-    SysResMon::CheckProcessResConsumption("userAgent", 20, SysResMon::kMemoryStepKb, highestRss,
-                                          highestFds);
+    files_.Open(20);
+    SysResMon::CheckProcessResConsumption("userAgent", files_, SysResMon::kMemoryStepKb,
+                                          highestRss, highestFds);
     EXPECT_EQ(std::pair(wantRss, wantFds), std::pair(highestRss, highestFds));
   }
   EXPECT_EQ(log_.Dump(),
@@ -111,7 +113,8 @@ TEST_F(SysResMonTest, PeaksAreLoggedOnlyAfterAFullMemoryStepOrAnExtraDescriptor)
             "buff size\nFD MAX: Process userAgent, PID 20 has 4 open file descriptors\n");
   // Unreadable descriptors leave the memory part counting, under the status name.
   root_.Write("556/status", "Name:\tx\nVmRSS:\t15000 kB\n");
-  SysResMon::CheckProcessResConsumption(nullptr, 556, 1024, highestRss, highestFds);
+  files_.Open(556);
+  SysResMon::CheckProcessResConsumption(nullptr, files_, 1024, highestRss, highestFds);
   EXPECT_TRUE(log_.Contains("MEM MAX: Process x, PID 556 is using 15000 Kb"));
   EXPECT_EQ(std::pair(15000, 4), std::pair(highestRss, highestFds));
 }
