@@ -36,9 +36,13 @@ bool ProcFile::ReadLine(char* line, size_t size) {
   size_t used = 0;
   while (used + 1 < size) {
     if (position_ == length_) {
+      if (atEnd_) break;
       const ssize_t got = pread(fd_, buffer_, sizeof(buffer_), offset_);
       if (got < 0) readError_ = errno;
       if (got <= 0) break;
+      // /proc makes a file whole and hands out all the read asks for: a
+      // short read was its end, and one more read to hear so is saved.
+      atEnd_ = static_cast<size_t>(got) < sizeof(buffer_);
       offset_ += got;
       length_ = static_cast<size_t>(got);
       position_ = 0;

@@ -54,6 +54,7 @@ class ProcFile {
   int fd_;               // the open file, or -1
   bool owned_;           // fd_ was opened here and is closed here
   int readError_ = 0;    // errno of the failed read, or 0
+  bool atEnd_ = false;   // the last read came short: nothing follows
   off_t offset_ = 0;     // where the next read starts in the file
   char buffer_[2048];    // what the last read gave
   size_t length_ = 0;    // bytes in buffer_
