@@ -111,15 +111,8 @@ const char* MonitoredProcess::GetName() { return binaryName_.data(); }
 IpcChannel* MonitoredProcess::GetIpcChannel() { return ipcChannel_.get(); }
 
 void MonitoredProcess::CheckResources() {
-  SysResMon::CheckProcessResConsumption(binaryName_.data(), Files(), kMemoryStepKb, maxRssKb_,
+  SysResMon::CheckProcessResConsumption(binaryName_.data(), files_, kMemoryStepKb, maxRssKb_,
                                         maxOpenFds_);
-}
-
-SysResMon::ProcessFiles& MonitoredProcess::Files() {
-  // A launched child is opened for at its first check: until the stop reaps
-  // it, its pid cannot go to another process.
-  if (files_.Pid() != pid_) files_.Open(pid_);
-  return files_;
 }
 
 bool MonitoredProcess::PidFilePath(char (&path)[512]) const {
@@ -174,15 +167,14 @@ void MonitoredProcess::CheckStatus() {
 }
 
 ssize_t MonitoredProcess::ReadCommandLine(char* text, size_t size) {
-  SysResMon::ProcessFiles& files = Files();
-  if (files.Descriptor(SysResMon::ProcessFiles::kCmdline) < 0) {
+  if (files_.Descriptor(SysResMon::ProcessFiles::kCmdline) < 0) {
     const int error = errno;
     char path[256];
-    files.Path(SysResMon::ProcessFiles::kCmdline, path, sizeof(path));
+    files_.Path(SysResMon::ProcessFiles::kCmdline, path, sizeof(path));
     QWD_LOG_ERROR(kComponent, "Failed opening file '%s', errno %s\n", path, std::strerror(error));
     return -1;
   }
-  const ssize_t got = files.Read(SysResMon::ProcessFiles::kCmdline, text, size);
+  const ssize_t got = files_.Read(SysResMon::ProcessFiles::kCmdline, text, size);
   // Read as a line: a newline within the first argument ends it.
   char* newline = got > 0 ? static_cast<char*>(std::memchr(text, '\n', got)) : nullptr;
   if (newline != nullptr) newline[1] = '\0';

@@ -77,8 +77,6 @@ class MonitoredProcess final : public MonitoredEntity {
   bool PidFilePath(char (&path)[512]) const;
   StatusCode WriteOwnPidFile() const;
   void RemoveOwnPidFile() const;
-  // The held /proc files of pid_, opened anew when the pid has changed.
-  SysResMon::ProcessFiles& Files();
   // The first argument of the command line into text, as CheckStatus reads
   // it: the bytes read, 0 when empty, -1 when unreadable (logged when the
   // file cannot be opened).
@@ -114,7 +112,7 @@ class MonitoredProcess final : public MonitoredEntity {
   std::array<char, 256> socketName_{};           // path of the channel's socket, or empty
   int32_t maxRssKb_ = 0;                         // peak resident size seen by CheckResources
   int32_t maxOpenFds_ = 0;                       // peak open descriptors seen by CheckResources
-  SysResMon::ProcessFiles files_;                // /proc files of pid_, held from launch to stop
+  SysResMon::ProcessFiles files_;                // /proc files of pid_, opened wherever pid_ is set
 };
 
 std::unique_ptr<MonitoredProcess> CreateMonitoredProcess(

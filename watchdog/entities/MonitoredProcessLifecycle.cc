@@ -90,6 +90,7 @@ StatusCode MonitoredProcess::Start() {
   maxRssKb_ = 0;
   maxOpenFds_ = 0;
   pid_ = child;
+  files_.Open(child);
   SetStatus(MonitoredEntityStatus::RUNNING);
   lastSeenMsec_ = GetCurrentTimeMsec();
   if (ipcChannel_->ServerAccept(static_cast<int32_t>(connectTimeoutMsec_)) != StatusCode::SUCCESS) {

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cctype>
-#include <cerrno>
 
 namespace SysResMon {
 
@@ -38,7 +37,6 @@ bool ProcFile::ReadLine(char* line, size_t size) {
     if (position_ == length_) {
       if (atEnd_) break;
       const ssize_t got = pread(fd_, buffer_, sizeof(buffer_), offset_);
-      if (got < 0) readError_ = errno;
       if (got <= 0) break;
       // /proc makes a file whole and hands out all the read asks for: a
       // short read was its end, and one more read to hear so is saved.

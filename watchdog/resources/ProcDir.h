@@ -46,14 +46,10 @@ class ProcFile {
   // The next line with its newline (cut to size - 1 characters, as fgets
   // does), terminated; false at the end.
   bool ReadLine(char* line, size_t size);
-  // errno of a failed read, 0 when none failed. A held descriptor of a
-  // process that has been reaped opens nothing anew and fails here (ESRCH).
-  int ReadError() const { return readError_; }
 
  private:
   int fd_;               // the open file, or -1
   bool owned_;           // fd_ was opened here and is closed here
-  int readError_ = 0;    // errno of the failed read, or 0
   bool atEnd_ = false;   // the last read came short: nothing follows
   off_t offset_ = 0;     // where the next read starts in the file
   char buffer_[2048];    // what the last read gave

@@ -1,6 +1,6 @@
 // The readers of single /proc files that SysResourcesMonitoring.h declares:
 // the system's memory totals and a process's status, each read line by line
-// into fixed buffers, by path or through a descriptor held open.
+// into fixed buffers.
 
 #include <fcntl.h>
 
@@ -53,12 +53,10 @@ constexpr uint32_t kAllStatusKeys = (1u << std::size(kStatusKeys)) - 1;
 constexpr char kBlanks[] = " \t\n\v\f\r";  // what "%s" stops at
 
 // Opening tells a process that has gone (an expected race with /proc, logged
-// at DEBUG when mayVanish) from a file that really fails. A held file of a
-// process that has gone fails at its first read instead (error).
-bool Opened(const ProcFile& file, const char* path, bool mayVanish, int error = 0) {
-  if (file.IsOpen() && error == 0) return true;
-  if (error == 0) error = errno;
-  const bool gone = mayVanish && (error == ENOENT || error == ESRCH);
+// at DEBUG when mayVanish) from a file that really fails.
+bool Opened(const ProcFile& file, const char* path, bool mayVanish) {
+  if (file.IsOpen()) return true;
+  const bool gone = mayVanish && (errno == ENOENT || errno == ESRCH);
   QWD_LOG(kComponent, gone ? LoggerLevel::DEBUG : LoggerLevel::ERROR,
           "Failed creating '%s' file reader object\n", path);
   return false;
@@ -84,22 +82,6 @@ uint32_t ParseStatusLine(const char* line, ProcessStatus& status) {
     return 1u << i;
   }
   return 0;
-}
-
-StatusCode ParseStatusFile(ProcFile& reader, const char* path, int32_t pid,
-                           ProcessStatus& status) {
-  if (!Opened(reader, path, true)) return StatusCode::FAILURE;
-  status = ProcessStatus{};
-  status.pid = pid;
-  // The kernel writes each key once, so the read ends with the last wanted
-  // one: the rest of the file (signal masks, CPU lists) costs further reads.
-  uint32_t found = 0;
-  char line[kLineSize];
-  while (found != kAllStatusKeys && reader.ReadLine(line, kLineSize)) {
-    found |= ParseStatusLine(line, status);
-  }
-  if (!Opened(reader, path, true, reader.ReadError())) return StatusCode::FAILURE;
-  return StatusCode::SUCCESS;
 }
 
 bool IsNameCharacter(char c) {
@@ -168,15 +150,18 @@ StatusCode ReadProcessStatus(ProcessStatus& status, int32_t pid) {
   char path[kPathSize];
   std::snprintf(path, sizeof(path), "%s/%d/status", GetProcRoot(), pid);
   ProcFile reader(path);
-  return ParseStatusFile(reader, path, pid, status);
-}
+  if (!Opened(reader, path, true)) return StatusCode::FAILURE;
 
-StatusCode ReadProcessStatus(ProcessStatus& status, ProcessFiles& files) {
-  if (files.Pid() < 1) return ReadProcessStatus(status, files.Pid());
-  char path[kPathSize];
-  files.Path(ProcessFiles::kStatus, path, sizeof(path));
-  ProcFile reader(path, files.Descriptor(ProcessFiles::kStatus));
-  return ParseStatusFile(reader, path, files.Pid(), status);
+  status = ProcessStatus{};
+  status.pid = pid;
+  // The kernel writes each key once, so the read ends with the last wanted
+  // one: the rest of the file (signal masks, CPU lists) costs further reads.
+  uint32_t found = 0;
+  char line[kLineSize];
+  while (found != kAllStatusKeys && reader.ReadLine(line, kLineSize)) {
+    found |= ParseStatusLine(line, status);
+  }
+  return StatusCode::SUCCESS;
 }
 
 }  // namespace SysResMon

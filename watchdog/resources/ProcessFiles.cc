@@ -22,7 +22,6 @@ struct FileKind {
 // By File. The fd directory is only ever stat'ed.
 constexpr FileKind kFileKinds[] = {
     {"cmdline", O_RDONLY},
-    {"status", O_RDONLY},
     {"statm", O_RDONLY},
     {"fd", O_PATH | O_DIRECTORY},
 };

@@ -2,12 +2,12 @@
 
 // The /proc files of one watched process that every watch cycle reads, held
 // open from the process's launch or adoption to its stop: a cycle then costs
-// one read per file instead of an open, a read and a close. A held file
-// keeps naming the process it was opened for: once that process has been
-// reaped its reads fail (ESRCH), even when the pid has gone to another
-// process since, so a reused pid never passes for the watched one. Files
-// live under GetProcRoot(); one that could not be opened is opened by path
-// again when it is next wanted.
+// one read per file instead of an open, a read and a close. A held file keeps
+// naming the process it was opened for: once that process has been reaped
+// its reads fail (ESRCH), even when the pid has gone to another process
+// since, so a reused pid never passes for the watched one. Files live under
+// GetProcRoot(); one that cannot be opened is tried again when next wanted.
+// The status file, read only for the rare line that shows it, is not held.
 
 #include <sys/types.h>
 
@@ -22,7 +22,7 @@ namespace SysResMon {
 
 class ProcessFiles {
  public:
-  enum File : uint8_t { kCmdline, kStatus, kStatm, kFdDir, kFileCount };
+  enum File : uint8_t { kCmdline, kStatm, kFdDir, kFileCount };
 
   ProcessFiles() = default;
   ProcessFiles(const ProcessFiles&) = delete;
@@ -49,7 +49,7 @@ class ProcessFiles {
   StatusCode CountOpenFds(int32_t* count);
 
  private:
-  int32_t pid_ = -1;                          // whose files are held, -1: none
+  int32_t pid_ = -1;                            // whose files are held, -1: none
   std::array<HeldProcFile, kFileCount> files_;  // by File
 };
 

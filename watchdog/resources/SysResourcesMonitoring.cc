@@ -27,10 +27,10 @@ constexpr uint32_t kMaxZombieSpawners = 20;
 constexpr int32_t kProcessListHeadroom = 20;
 
 // The status for a line to log; its failure is logged.
-bool ReadStatusForLine(ProcessStatus& status, ProcessFiles& files) {
-  const StatusCode ret = ReadProcessStatus(status, files);
+bool ReadStatusForLine(ProcessStatus& status, int32_t pid) {
+  const StatusCode ret = ReadProcessStatus(status, pid);
   if (ret == StatusCode::SUCCESS) return true;
-  QWD_LOG_ERROR(kComponent, "Can't read process status for PID %d, ret %d\n", files.Pid(),
+  QWD_LOG_ERROR(kComponent, "Can't read process status for PID %d, ret %d\n", pid,
                 StatusCodeToInt(ret));
   return false;
 }
@@ -159,11 +159,11 @@ void CheckProcessResConsumption(const char* name, ProcessFiles& files, int32_t m
   const auto grown = [&](int32_t rssKb) {
     return static_cast<int64_t>(rssKb) >= static_cast<int64_t>(highestRssKb) + memoryStepKb;
   };
+  const int32_t pid = files.Pid();
   ProcessStatus status;
   int32_t rssKb = 0;
   const bool statusRead = !files.ReadRssKb(&rssKb) || grown(rssKb);
-  if (statusRead && !ReadStatusForLine(status, files)) return;
-  const int32_t pid = files.Pid();
+  if (statusRead && !ReadStatusForLine(status, pid)) return;
   if (statusRead && grown(status.vmRssKb)) {
     highestRssKb = status.vmRssKb;
     QWD_LOG_INFO(kComponent,
@@ -181,7 +181,7 @@ void CheckProcessResConsumption(const char* name, ProcessFiles& files, int32_t m
     return;
   }
   if (fds > highestFds) {
-    if (name == nullptr && !statusRead && !ReadStatusForLine(status, files)) return;
+    if (name == nullptr && !statusRead && !ReadStatusForLine(status, pid)) return;
     highestFds = fds;
     QWD_LOG_INFO(kComponent, "FD MAX: Process %s, PID %d has %d open file descriptors\n",
                  name != nullptr ? name : status.name.data(), pid, fds);

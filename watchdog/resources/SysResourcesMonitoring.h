@@ -52,8 +52,6 @@ StatusCode ReadMeminfo(MemoryInfo& memoryInfo, HeldProcFile* held = nullptr);
 // INVALID_PARAM for a pid below 1; FAILURE when the status file cannot be
 // read (the process is gone). Keys it does not know are skipped.
 StatusCode ReadProcessStatus(ProcessStatus& status, int32_t pid);
-// The same through the held status file of a process.
-StatusCode ReadProcessStatus(ProcessStatus& status, ProcessFiles& files);
 
 // Number of directories under the root whose name begins with a digit; -1
 // (logged) when the root cannot be read.

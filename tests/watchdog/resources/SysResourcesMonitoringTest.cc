@@ -1,6 +1,7 @@
 #include "watchdog/resources/SysResourcesMonitoring.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <filesystem>
@@ -8,6 +9,7 @@
 #include <string>
 #include <tuple>
 #include <utility>
+#include <vector>
 
 #include "common/ProcRoot.h"
 #include "tests/support/LogCapture.h"
@@ -104,8 +106,8 @@ TEST_F(SysResMonTest, PeaksAreLoggedOnlyAfterAFullMemoryStepOrAnExtraDescriptor)
     SCOPED_TRACE(std::to_string(rss) + " kB, fds " + std::to_string(fds));
     Add({.pid = 20, .vmRssKb = rss, .vmHwmKb = 12000, .openFds = fds});
     files_.Open(20);
-    SysResMon::CheckProcessResConsumption("userAgent", files_, SysResMon::kMemoryStepKb,
-                                          highestRss, highestFds);
+    SysResMon::CheckProcessResConsumption("userAgent", files_, SysResMon::kMemoryStepKb, highestRss,
+                                          highestFds);
     EXPECT_EQ(std::pair(wantRss, wantFds), std::pair(highestRss, highestFds));
   }
   EXPECT_EQ(log_.Dump(),
@@ -117,6 +119,21 @@ TEST_F(SysResMonTest, PeaksAreLoggedOnlyAfterAFullMemoryStepOrAnExtraDescriptor)
   SysResMon::CheckProcessResConsumption(nullptr, files_, 1024, highestRss, highestFds);
   EXPECT_TRUE(log_.Contains("MEM MAX: Process x, PID 556 is using 15000 Kb"));
   EXPECT_EQ(std::pair(15000, 4), std::pair(highestRss, highestFds));
+}
+
+// The real process file system: the cycle sees growth in statm (in pages)
+// and reads the status file only to log it.
+TEST(SysResMonOwnProcessTest, ResidentGrowthSeenInStatmIsLogged) {
+  LogCapture log;
+  SysResMon::ProcessFiles files;
+  files.Open(getpid());
+  int32_t highestRss = 0;
+  int32_t highestFds = 0;
+  SysResMon::CheckProcessResConsumption("self", files, 1024, highestRss, highestFds);
+  const std::vector<char> grown(8 << 20, 1);
+  SysResMon::CheckProcessResConsumption("self", files, 1024, highestRss, highestFds);
+  EXPECT_EQ(log.Count("MEM MAX: Process self, PID "), 2u) << log.Dump();
+  EXPECT_EQ(log.Count("FD MAX: Process self, PID "), 1u);
 }
 
 TEST_F(SysResMonTest, ZombieScanGoesOnPastAFullSpawnerTableOrphansAndVanishedProcesses) {
