@@ -121,9 +121,10 @@ BENCHMARK(BM_Baseline_RawOwnCheck);
 void BM_CheckProcessResConsumption(benchmark::State& state) {
   int32_t highestRss = 0x7fffffff - SysResMon::kMemoryStepKb;
   int32_t highestFds = 0x7fffffff;
-  const int32_t pid = getpid();
+  SysResMon::ProcessFiles files;
+  files.Open(getpid());
   for (auto _ : state) {
-    SysResMon::CheckProcessResConsumption(nullptr, pid, SysResMon::kMemoryStepKb, highestRss,
+    SysResMon::CheckProcessResConsumption(nullptr, files, SysResMon::kMemoryStepKb, highestRss,
                                           highestFds);
   }
 }

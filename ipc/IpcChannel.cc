@@ -161,15 +161,19 @@ StatusCode IpcChannel::PollOnChannel(int32_t fd, int32_t timeoutMsec) {
   return StatusCode::SUCCESS;
 }
 
-StatusCode IpcChannel::ReadRecord(int32_t fd, void* buffer, size_t size, bool strictRead) {
+StatusCode IpcChannel::ReadRecord(int32_t fd, void* buffer, size_t size, bool strictRead,
+                                  int flags) {
   // A zero-length read would leave the record queued, to be taken for the
   // next header; one scratch byte consumes it (the socket drops the rest).
   uint8_t scratch = 0;
   void* target = size != 0 ? buffer : &scratch;
   if (size != 0) std::memset(buffer, 0, size);
-  const ssize_t got = read(fd, target, size != 0 ? size : 1);
+  const ssize_t got = recv(fd, target, size != 0 ? size : 1, flags);
   if (got < 1) {
     const int err = got == 0 ? 0 : errno;
+    if ((flags & MSG_DONTWAIT) != 0 && (err == EAGAIN || err == EWOULDBLOCK)) {
+      return StatusCode::TIMEOUT;
+    }
     return ReadFailed(got == 0 ? "end of stream" : std::strerror(err), err);
   }
   if (strictRead && static_cast<size_t>(got) < size) {

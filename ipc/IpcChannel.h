@@ -109,7 +109,8 @@ class IpcChannel {
   StatusCode PollOnChannel(int32_t fd, int32_t timeoutMsec);
   // Whether the peer of an accepted connection is root or this process's user.
   bool IsTrustedPeer(int32_t fd);
-  StatusCode ReadRecord(int32_t fd, void* buffer, size_t size, bool strictRead);
+  // One record; with MSG_DONTWAIT in flags, an empty queue is TIMEOUT, unlogged.
+  StatusCode ReadRecord(int32_t fd, void* buffer, size_t size, bool strictRead, int flags = 0);
   // The request's data record into the request buffer; a record that does
   // not follow its header within a short wait is a failed read.
   StatusCode ReadDataRecord(size_t size, bool strictRead);

@@ -245,6 +245,11 @@ void IpcChannel::CloseConnection() { UnixSocket::Close(&connectionFd_); }
 void IpcChannel::CloseServerSocket() { UnixSocket::Close(&socketFd_); }
 
 StatusCode IpcChannel::ReadDataRecord(size_t size, bool strictRead) {
+  // Clients send both records at once, so the data is nearly always queued
+  // already: the wait (and its poll) is only for one that lags.
+  const StatusCode queued =
+      ReadRecord(connectionFd_, requestBuffer_.get(), size, strictRead, MSG_DONTWAIT);
+  if (queued != StatusCode::TIMEOUT) return queued;
   pollfd entry{connectionFd_, POLLIN, 0};
   const int ready = PollMsec(&entry, 1, kDataRecordWaitMsec);
   if (ready < 1) {

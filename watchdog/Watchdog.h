@@ -156,4 +156,6 @@ class Watchdog {
   int32_t lastLoggedAvailableKb_ = -1;        // available memory last logged
   int32_t ownHighestRssKb_ = 0;               // own resident size peak reported
   int32_t ownHighestFds_ = 0;                 // own descriptor peak reported
+  SysResMon::ProcessFiles ownFiles_;          // own /proc files, held for every watch cycle
+  SysResMon::HeldProcFile meminfo_;           // the system's memory totals, held likewise
 };

@@ -16,7 +16,7 @@ constexpr int32_t kMemoryDropLogKb = 4096;
 }  // namespace
 
 StatusCode Watchdog::CheckSystemMemory(bool force, SysResMon::MemoryInfo& memory) {
-  const StatusCode status = SysResMon::ReadMeminfo(memory);
+  const StatusCode status = SysResMon::ReadMeminfo(memory, &meminfo_);
   if (status != StatusCode::SUCCESS) {
     QWD_LOG_WARN(kComponent, "Can't get system memory consumption, ret %d\n",
                  StatusCodeToInt(status));
@@ -36,7 +36,8 @@ StatusCode Watchdog::CheckSystemMemory(bool force, SysResMon::MemoryInfo& memory
 }
 
 void Watchdog::CheckOwnResources() {
-  SysResMon::CheckProcessResConsumption(nullptr, GetCachedPid(), SysResMon::kMemoryStepKb,
+  if (ownFiles_.Pid() != GetCachedPid()) ownFiles_.Open(GetCachedPid());
+  SysResMon::CheckProcessResConsumption(nullptr, ownFiles_, SysResMon::kMemoryStepKb,
                                         ownHighestRssKb_, ownHighestFds_);
 }
 

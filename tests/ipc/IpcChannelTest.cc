@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <string>
@@ -124,6 +125,21 @@ TEST_F(IpcChannelTest, EveryRequestGetsItsReplyStatusAndTheNextOneIsServed) {
     EXPECT_EQ(RawRequest(Header(kIpcMagic, 4, kEcho), "ping"), 0u);
     EXPECT_EQ(reply_, "ping");
   }
+}
+
+// The data record is taken at once when queued; one that lags is waited for.
+TEST_F(IpcChannelTest, DataRecordLaggingItsHeaderIsWaitedFor) {
+  AcceptRawClient();
+  ASSERT_TRUE(SendRecord(raw_, Header(kIpcMagic, 4, kEcho)));
+  std::thread late([this] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    SendRecord(raw_, "late");
+  });
+  EXPECT_EQ(server_->ProcessRequest(true), StatusCode::SUCCESS);
+  late.join();
+  IpcHeader reply{};
+  ASSERT_TRUE(TakeReply(raw_, &reply, &reply_));
+  EXPECT_EQ(reply_, "late");
 }
 
 TEST_F(IpcChannelTest, SocketIsOwnerOnlyAndAForeignPeerIsTurnedAway) {

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <new>
@@ -9,12 +10,10 @@
 
 #include "common/FileUtils.h"
 #include "common/Log.h"
-#include "common/ProcRoot.h"
 #include "common/ProcessTree.h"
 #include "common/ProcessUtils.h"
 #include "common/StringUtils.h"
 #include "common/TimeUtils.h"
-#include "common/io/FileReader.h"
 #include "watchdog/Config.h"
 #include "watchdog/resources/SysResourcesMonitoring.h"
 
@@ -112,7 +111,7 @@ const char* MonitoredProcess::GetName() { return binaryName_.data(); }
 IpcChannel* MonitoredProcess::GetIpcChannel() { return ipcChannel_.get(); }
 
 void MonitoredProcess::CheckResources() {
-  SysResMon::CheckProcessResConsumption(binaryName_.data(), pid_, kMemoryStepKb, maxRssKb_,
+  SysResMon::CheckProcessResConsumption(binaryName_.data(), files_, kMemoryStepKb, maxRssKb_,
                                         maxOpenFds_);
 }
 
@@ -140,18 +139,10 @@ void MonitoredProcess::CheckStatus() {
     SetStatus(MonitoredEntityStatus::UNKNOWN);
     return;
   }
-  char path[256];
-  std::snprintf(path, sizeof(path), "%s/%d/cmdline", GetProcRoot(), pid_);
-  auto reader = CreateFileReader(path, 1);
-  if (!reader) {
-    QWD_LOG_ERROR(kComponent, "Failed creating file reader for process '%s' PID %d!\n",
-                  binaryName_.data(), pid_);
-    SetStatus(MonitoredEntityStatus::UNKNOWN);
-    return;
-  }
-  // cmdline separates the arguments with NULs: the line read is argv[0].
+  // cmdline separates the arguments with NULs: the text read is argv[0]. A
+  // zombie's reads empty, and a reaped process's held file fails.
   char cmdline[256];
-  if (reader->ReadLine(cmdline, sizeof(cmdline)) <= 0) {
+  if (ReadCommandLine(cmdline, sizeof(cmdline)) <= 0) {
     QWD_LOG_ERROR(kComponent, "Failed reading from process '%s' command line file, pid %d\n",
                   binaryName_.data(), pid_);
     SetStatus(MonitoredEntityStatus::UNKNOWN);
@@ -173,6 +164,21 @@ void MonitoredProcess::CheckStatus() {
                  maxLastSeenMsec_);
     SetStatus(MonitoredEntityStatus::FAILED);
   }
+}
+
+ssize_t MonitoredProcess::ReadCommandLine(char* text, size_t size) {
+  if (files_.Descriptor(SysResMon::ProcessFiles::kCmdline) < 0) {
+    const int error = errno;
+    char path[256];
+    files_.Path(SysResMon::ProcessFiles::kCmdline, path, sizeof(path));
+    QWD_LOG_ERROR(kComponent, "Failed opening file '%s', errno %s\n", path, std::strerror(error));
+    return -1;
+  }
+  const ssize_t got = files_.Read(SysResMon::ProcessFiles::kCmdline, text, size);
+  // Read as a line: a newline within the first argument ends it.
+  char* newline = got > 0 ? static_cast<char*>(std::memchr(text, '\n', got)) : nullptr;
+  if (newline != nullptr) newline[1] = '\0';
+  return got;
 }
 
 StatusCode MonitoredProcess::UpdatePid(int32_t pid) {
@@ -200,6 +206,8 @@ StatusCode MonitoredProcess::UpdatePid(int32_t pid) {
   QWD_LOG_ERROR(kComponent, "Changing PID for process '%s' from %d to %d\n", binaryName_.data(),
                 pid_, pid);
   pid_ = pid;
+  // Opened at once, while the pid is known to be the one just checked.
+  files_.Open(pid);
   WriteOwnPidFile();
   return StatusCode::SUCCESS;
 }

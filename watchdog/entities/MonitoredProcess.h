@@ -7,6 +7,8 @@
 // connects back to it, sends status notifications (command 0) and calls the
 // watchdog's handlers (commands 1..N).
 
+#include <sys/types.h>
+
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -15,6 +17,7 @@
 #include "ipc/IpcChannel.h"
 #include "ipc/WatchdogProtocol.h"
 #include "watchdog/entities/MonitoredEntity.h"
+#include "watchdog/resources/ProcessFiles.h"
 
 class MonitoredProcess final : public MonitoredEntity {
  public:
@@ -74,6 +77,10 @@ class MonitoredProcess final : public MonitoredEntity {
   bool PidFilePath(char (&path)[512]) const;
   StatusCode WriteOwnPidFile() const;
   void RemoveOwnPidFile() const;
+  // The first argument of the command line into text, as CheckStatus reads
+  // it: the bytes read, 0 when empty, -1 when unreadable (logged when the
+  // file cannot be opened).
+  ssize_t ReadCommandLine(char* text, size_t size);
   // One waitpid of the escalation; true once waitpid is not to be called again.
   bool ReapChild();
   // Sleeps until the pid has exited, at most ceilingMsec; silent.
@@ -105,6 +112,7 @@ class MonitoredProcess final : public MonitoredEntity {
   std::array<char, 256> socketName_{};           // path of the channel's socket, or empty
   int32_t maxRssKb_ = 0;                         // peak resident size seen by CheckResources
   int32_t maxOpenFds_ = 0;                       // peak open descriptors seen by CheckResources
+  SysResMon::ProcessFiles files_;                // /proc files of pid_, opened wherever pid_ is set
 };
 
 std::unique_ptr<MonitoredProcess> CreateMonitoredProcess(

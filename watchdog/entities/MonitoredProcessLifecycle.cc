@@ -89,6 +89,7 @@ StatusCode MonitoredProcess::Start() {
   maxRssKb_ = 0;
   maxOpenFds_ = 0;
   pid_ = child;
+  files_.Open(child);
   SetStatus(MonitoredEntityStatus::RUNNING);
   lastSeenMsec_ = GetCurrentTimeMsec();
   if (ipcChannel_->ServerAccept(static_cast<int32_t>(connectTimeoutMsec_)) != StatusCode::SUCCESS) {
@@ -235,6 +236,7 @@ bool MonitoredProcess::IsProcessGone() const {
 }
 
 StatusCode MonitoredProcess::FinishStop(MonitoredEntityStatus status, StatusCode result) {
+  files_.Close();
   pid_ = -1;
   SetStatus(status);
   return result;

@@ -16,18 +16,24 @@ bool ProcDir::IsProcessEntry(const dirent* entry) const {
   return fstatat(walk_.Fd(), entry->d_name, &st, 0) == 0 && S_ISDIR(st.st_mode);
 }
 
-ProcFile::ProcFile(const char* path) : fd_(open(path, O_RDONLY | O_CLOEXEC)) {}
+ProcFile::ProcFile(const char* path, int heldFd)
+    : fd_(heldFd >= 0 ? heldFd : open(path, O_RDONLY | O_CLOEXEC)), owned_(heldFd < 0) {}
 
 ProcFile::~ProcFile() {
-  if (fd_ >= 0) close(fd_);
+  if (owned_ && fd_ >= 0) close(fd_);
 }
 
 bool ProcFile::ReadLine(char* line, size_t size) {
   size_t used = 0;
   while (used + 1 < size) {
     if (position_ == length_) {
-      const ssize_t got = read(fd_, buffer_, sizeof(buffer_));
+      if (atEnd_) break;
+      const ssize_t got = pread(fd_, buffer_, sizeof(buffer_), offset_);
       if (got <= 0) break;
+      // /proc makes a file whole and hands out all the read asks for: a
+      // short read was its end, and one more read to hear so is saved.
+      atEnd_ = static_cast<size_t>(got) < sizeof(buffer_);
+      offset_ += got;
       length_ = static_cast<size_t>(got);
       position_ = 0;
     }
@@ -37,6 +43,17 @@ bool ProcFile::ReadLine(char* line, size_t size) {
   }
   if (size > 0) line[used] = '\0';
   return used > 0;
+}
+
+bool HeldProcFile::Open(const char* path, int flags) {
+  Close();
+  fd_ = open(path, flags | O_CLOEXEC);
+  return fd_ >= 0;
+}
+
+void HeldProcFile::Close() {
+  if (fd_ >= 0) close(fd_);
+  fd_ = -1;
 }
 
 int32_t CountDirEntries(const char* path) {

@@ -3,19 +3,16 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <iterator>
 #include <memory>
 #include <new>
 
 #include "common/Log.h"
 #include "common/ProcRoot.h"
 #include "common/ProcessUtils.h"
-#include "common/StringUtils.h"
 #include "watchdog/resources/ProcDir.h"
 
 namespace SysResMon {
@@ -23,69 +20,19 @@ namespace SysResMon {
 namespace {
 
 constexpr uint32_t kComponent = LOGGER_COMPONENT_INFRA_UTILS;
-constexpr int32_t kLineSize = 512;
 constexpr size_t kPathSize = 512;
-constexpr size_t kWordSize = 100;  // the parse formats below read at most 99 characters
 // Parents of zombies counted by one scan; the rest are only logged.
 constexpr uint32_t kMaxZombieSpawners = 20;
 // Extra status records allocated over the counted processes, for those born meanwhile.
 constexpr int32_t kProcessListHeadroom = 20;
 
-struct MeminfoField {
-  const char* name;
-  uint32_t MemoryInfo::*field;
-};
-constexpr MeminfoField kMeminfoFields[] = {
-    {"MemTotal", &MemoryInfo::totalKb},         {"MemFree", &MemoryInfo::freeKb},
-    {"MemAvailable", &MemoryInfo::availableKb}, {"Buffers", &MemoryInfo::buffersKb},
-    {"Cached", &MemoryInfo::cachedKb},
-};
-
-// A key of the status file and the field it fills: text (first word) or number.
-struct StatusKey {
-  const char* key;
-  std::array<char, kProcNameSize> ProcessStatus::*text;
-  int32_t ProcessStatus::*number;
-};
-constexpr StatusKey kStatusKeys[] = {
-    {"Name:", &ProcessStatus::name, nullptr},     {"State:", &ProcessStatus::state, nullptr},
-    {"VmRSS:", nullptr, &ProcessStatus::vmRssKb}, {"VmHWM:", nullptr, &ProcessStatus::vmHwmKb},
-    {"PPid:", nullptr, &ProcessStatus::ppid},     {"Threads:", nullptr, &ProcessStatus::threads},
-    {"FDSize:", nullptr, &ProcessStatus::fdSize},
-};
-constexpr uint32_t kAllStatusKeys = (1u << std::size(kStatusKeys)) - 1;
-constexpr char kBlanks[] = " \t\n\v\f\r";  // what "%s" stops at
-
-// Opening tells a process that has gone (an expected race with /proc, logged
-// at DEBUG when mayVanish) from a file that really fails.
-bool Opened(const ProcFile& file, const char* path, bool mayVanish) {
-  if (file.IsOpen()) return true;
-  const bool gone = mayVanish && (errno == ENOENT || errno == ESRCH);
-  QWD_LOG(kComponent, gone ? LoggerLevel::DEBUG : LoggerLevel::ERROR,
-          "Failed creating '%s' file reader object\n", path);
+// The status for a line to log; its failure is logged.
+bool ReadStatusForLine(ProcessStatus& status, int32_t pid) {
+  const StatusCode ret = ReadProcessStatus(status, pid);
+  if (ret == StatusCode::SUCCESS) return true;
+  QWD_LOG_ERROR(kComponent, "Can't read process status for PID %d, ret %d\n", pid,
+                StatusCodeToInt(ret));
   return false;
-}
-
-// Keys are whole first words of the line, values the next word, both cut at
-// 99 characters. Most lines hold keys that are not wanted: the key is matched
-// before the value is scanned, which keeps the watch-cycle check cheap.
-// Returns the bit of the key that the line filled, 0 for any other line.
-uint32_t ParseStatusLine(const char* line, ProcessStatus& status) {
-  const char* word = line + std::strspn(line, kBlanks);
-  const size_t length = std::strcspn(word, kBlanks);
-  for (size_t i = 0; i < std::size(kStatusKeys); ++i) {
-    const StatusKey& key = kStatusKeys[i];
-    if (std::strlen(key.key) != length || std::memcmp(word, key.key, length) != 0) continue;
-    char value[kWordSize] = "";
-    std::sscanf(word + length, "%99s", value);
-    if (key.text != nullptr) {
-      SafeStrCopy(status.*key.text, value);
-    } else {
-      status.*key.number = std::atoi(value);
-    }
-    return 1u << i;
-  }
-  return 0;
 }
 
 // Every readable process's status, in the order of the root's listing.
@@ -166,59 +113,6 @@ const ProcessStatus* FindProcess(const ProcessList& list, int32_t pid) {
 
 }  // namespace
 
-StatusCode ReadMeminfo(MemoryInfo& memoryInfo) {
-  char path[kPathSize];
-  std::snprintf(path, sizeof(path), "%s/meminfo", GetProcRoot());
-  ProcFile reader(path);
-  if (!Opened(reader, path, false)) return StatusCode::FAILURE;
-
-  memoryInfo = MemoryInfo{};
-  char line[kLineSize];
-  while (reader.ReadLine(line, kLineSize)) {
-    char name[kWordSize] = "";
-    int value = 0;
-    if (std::sscanf(line, " %99[a-zA-Z0-9()_ ]:%d", name, &value) != 2) {
-      QWD_LOG_ERROR(kComponent, "There's an issue with parsing %s\n", path);
-      QWD_LOG_ERROR(kComponent, "Failed line: %s, results in param=%s, value=%d\n", line, name,
-                    value);
-      return StatusCode::FAILURE;
-    }
-    for (const MeminfoField& field : kMeminfoFields) {
-      if (std::strcmp(name, field.name) == 0) {
-        memoryInfo.*field.field = static_cast<uint32_t>(value);
-        break;
-      }
-    }
-  }
-  // Older kernels have no MemAvailable; buffers are deliberately left out.
-  if (memoryInfo.availableKb == 0) {
-    memoryInfo.availableKb = memoryInfo.freeKb + memoryInfo.cachedKb;
-  }
-  return StatusCode::SUCCESS;
-}
-
-StatusCode ReadProcessStatus(ProcessStatus& status, int32_t pid) {
-  if (pid < 1) {
-    QWD_LOG_ERROR(kComponent, "PID can't be less than 1\n");
-    return StatusCode::INVALID_PARAM;
-  }
-  char path[kPathSize];
-  std::snprintf(path, sizeof(path), "%s/%d/status", GetProcRoot(), pid);
-  ProcFile reader(path);
-  if (!Opened(reader, path, true)) return StatusCode::FAILURE;
-
-  status = ProcessStatus{};
-  status.pid = pid;
-  // The kernel writes each key once, so the read ends with the last wanted
-  // one: the rest of the file (signal masks, CPU lists) costs further reads.
-  uint32_t found = 0;
-  char line[kLineSize];
-  while (found != kAllStatusKeys && reader.ReadLine(line, kLineSize)) {
-    found |= ParseStatusLine(line, status);
-  }
-  return StatusCode::SUCCESS;
-}
-
 StatusCode CountFilesInDirectory(const char* dir, int32_t* filesNumber) {
   QWD_ASSERT(kComponent, dir != nullptr, "NULL != dir");
   QWD_ASSERT(kComponent, filesNumber != nullptr, "NULL != filesNumber");
@@ -232,7 +126,7 @@ StatusCode CountFilesInDirectory(const char* dir, int32_t* filesNumber) {
   return StatusCode::SUCCESS;
 }
 
-StatusCode GetNumOpenFileDescriptors(int32_t* count, int32_t pid) {
+StatusCode GetNumOpenFileDescriptors(int32_t* count, int32_t pid, int heldDir) {
   if (pid < 1) {
     QWD_LOG_ERROR(kComponent, "PID can't be less than 1\n");
     return StatusCode::INVALID_PARAM;
@@ -247,7 +141,8 @@ StatusCode GetNumOpenFileDescriptors(int32_t* count, int32_t pid) {
   // size: one stat per watch cycle instead of a listing. A listing of one's
   // own descriptors holds one more, its own, which the count keeps.
   struct stat info {};
-  if (std::strcmp(GetProcRoot(), "/proc") == 0 && stat(path, &info) == 0 && info.st_size > 0) {
+  if (std::strcmp(GetProcRoot(), "/proc") == 0 &&
+      (heldDir >= 0 ? fstat(heldDir, &info) : stat(path, &info)) == 0 && info.st_size > 0) {
     *count = static_cast<int32_t>(info.st_size) + (pid == GetCachedPid() ? 1 : 0);
     return StatusCode::SUCCESS;
   }
@@ -258,37 +153,38 @@ StatusCode GetNumOpenFileDescriptors(int32_t* count, int32_t pid) {
   return StatusCode::SUCCESS;
 }
 
-void CheckProcessResConsumption(const char* name, int32_t pid, int32_t memoryStepKb,
+void CheckProcessResConsumption(const char* name, ProcessFiles& files, int32_t memoryStepKb,
                                 int32_t& highestRssKb, int32_t& highestFds) {
-  ProcessStatus status;
-  StatusCode ret = ReadProcessStatus(status, pid);
-  if (ret != StatusCode::SUCCESS) {
-    QWD_LOG_ERROR(kComponent, "Can't read process status for PID %d, ret %d\n", pid,
-                  StatusCodeToInt(ret));
-    return;
-  }
-  const char* shownName = name != nullptr ? name : status.name.data();
-
   // 64-bit sum: a highest value near the top of the range must not wrap.
-  if (static_cast<int64_t>(status.vmRssKb) >= static_cast<int64_t>(highestRssKb) + memoryStepKb) {
+  const auto grown = [&](int32_t rssKb) {
+    return static_cast<int64_t>(rssKb) >= static_cast<int64_t>(highestRssKb) + memoryStepKb;
+  };
+  const int32_t pid = files.Pid();
+  ProcessStatus status;
+  int32_t rssKb = 0;
+  const bool statusRead = !files.ReadRssKb(&rssKb) || grown(rssKb);
+  if (statusRead && !ReadStatusForLine(status, pid)) return;
+  if (statusRead && grown(status.vmRssKb)) {
     highestRssKb = status.vmRssKb;
     QWD_LOG_INFO(kComponent,
                  "MEM MAX: Process %s, PID %d is using %d Kb VM RSS, %d Kb VM HW, %d FD buff "
                  "size\n",
-                 shownName, pid, status.vmRssKb, status.vmHwmKb, status.fdSize);
+                 name != nullptr ? name : status.name.data(), pid, status.vmRssKb, status.vmHwmKb,
+                 status.fdSize);
   }
 
   int32_t fds = 0;
-  ret = GetNumOpenFileDescriptors(&fds, pid);
+  const StatusCode ret = files.CountOpenFds(&fds);
   if (ret != StatusCode::SUCCESS) {
     QWD_LOG_ERROR(kComponent, "Can't get number of open file descriptors for PID %d, ret %d\n", pid,
                   StatusCodeToInt(ret));
     return;
   }
   if (fds > highestFds) {
+    if (name == nullptr && !statusRead && !ReadStatusForLine(status, pid)) return;
     highestFds = fds;
-    QWD_LOG_INFO(kComponent, "FD MAX: Process %s, PID %d has %d open file descriptors\n", shownName,
-                 pid, fds);
+    QWD_LOG_INFO(kComponent, "FD MAX: Process %s, PID %d has %d open file descriptors\n",
+                 name != nullptr ? name : status.name.data(), pid, fds);
   }
 }
 

@@ -3,8 +3,8 @@
 // Numbers about the whole system and single processes, read from the process
 // file system under GetProcRoot(): memory totals, a process's status, open
 // descriptors, files in a directory, zombies with the parents that leave them
-// and the system-wide thread count. Stateless: callers own every output, and
-// the highest values seen so far live with the caller.
+// and the system-wide thread count. Stateless: callers own every output, the
+// highest values seen so far and the files the watch cycle keeps open.
 //
 // /proc changes under the reader: a process that vanishes between the listing
 // and its status read is skipped, never taken for a failure of the whole scan.
@@ -14,6 +14,8 @@
 #include <cstdint>
 
 #include "common/StatusCode.h"
+#include "watchdog/resources/ProcDir.h"
+#include "watchdog/resources/ProcessFiles.h"
 
 namespace SysResMon {
 
@@ -43,8 +45,9 @@ struct ProcessStatus {
 };
 
 // FAILURE when meminfo cannot be opened or any of its lines lacks a name or a
-// number: every line must parse.
-StatusCode ReadMeminfo(MemoryInfo& memoryInfo);
+// number: every line must parse. With held, the file is opened there at the
+// first call and read again at the next ones.
+StatusCode ReadMeminfo(MemoryInfo& memoryInfo, HeldProcFile* held = nullptr);
 
 // INVALID_PARAM for a pid below 1; FAILURE when the status file cannot be
 // read (the process is gone). Keys it does not know are skipped.
@@ -62,14 +65,16 @@ void LogProcessesMemConsumption(int32_t maxProcesses);
 // a null directory then counts as one that cannot be opened (FAILURE).
 StatusCode CountFilesInDirectory(const char* dir, int32_t* filesNumber);
 
-// Entries of <root>/<pid>/fd. INVALID_PARAM for a pid below 1 or a null output.
-StatusCode GetNumOpenFileDescriptors(int32_t* count, int32_t pid);
+// Entries of <root>/<pid>/fd, which heldDir (when not -1) holds open.
+// INVALID_PARAM for a pid below 1 or a null output.
+StatusCode GetNumOpenFileDescriptors(int32_t* count, int32_t pid, int heldDir = -1);
 
-// Watch-cycle check of one process: logs "MEM MAX" once the resident size has
-// grown by memoryStepKb over highestRssKb, and "FD MAX" once the open
-// descriptors exceed highestFds, raising the caller's highest values. A null
-// name shows the status file's name.
-void CheckProcessResConsumption(const char* name, int32_t pid, int32_t memoryStepKb,
+// Watch-cycle check of one process through its held files: logs "MEM MAX"
+// once the resident size has grown by memoryStepKb over highestRssKb, and
+// "FD MAX" once the open descriptors exceed highestFds, raising the caller's
+// highest values. A null name shows the status file's name. The status file
+// is read only for a line to log (or where statm is missing).
+void CheckProcessResConsumption(const char* name, ProcessFiles& files, int32_t memoryStepKb,
                                 int32_t& highestRssKb, int32_t& highestFds);
 
 // One pass over every process: zombies (state "Z") and the threads of all

@@ -1,6 +1,7 @@
 #include "watchdog/resources/SysResourcesMonitoring.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <filesystem>
@@ -8,6 +9,7 @@
 #include <string>
 #include <tuple>
 #include <utility>
+#include <vector>
 
 #include "common/ProcRoot.h"
 #include "tests/support/LogCapture.h"
@@ -59,6 +61,7 @@ class SysResMonTest : public ::testing::Test {
 
   TempDir root_;
   LogCapture log_;
+  SysResMon::ProcessFiles files_;
 };
 
 TEST_F(SysResMonTest, MeminfoAndStatusAreReadFieldByFieldWithinTheirBuffers) {
@@ -102,7 +105,8 @@ TEST_F(SysResMonTest, PeaksAreLoggedOnlyAfterAFullMemoryStepOrAnExtraDescriptor)
   for (const auto& [rss, fds, wantRss, wantFds] : steps) {
     SCOPED_TRACE(std::to_string(rss) + " kB, fds " + std::to_string(fds));
     Add({.pid = 20, .vmRssKb = rss, .vmHwmKb = 12000, .openFds = fds});
-    SysResMon::CheckProcessResConsumption("userAgent", 20, SysResMon::kMemoryStepKb, highestRss,
+    files_.Open(20);
+    SysResMon::CheckProcessResConsumption("userAgent", files_, SysResMon::kMemoryStepKb, highestRss,
                                           highestFds);
     EXPECT_EQ(std::pair(wantRss, wantFds), std::pair(highestRss, highestFds));
   }
@@ -111,9 +115,25 @@ TEST_F(SysResMonTest, PeaksAreLoggedOnlyAfterAFullMemoryStepOrAnExtraDescriptor)
             "buff size\nFD MAX: Process userAgent, PID 20 has 4 open file descriptors\n");
   // Unreadable descriptors leave the memory part counting, under the status name.
   root_.Write("556/status", "Name:\tx\nVmRSS:\t15000 kB\n");
-  SysResMon::CheckProcessResConsumption(nullptr, 556, 1024, highestRss, highestFds);
+  files_.Open(556);
+  SysResMon::CheckProcessResConsumption(nullptr, files_, 1024, highestRss, highestFds);
   EXPECT_TRUE(log_.Contains("MEM MAX: Process x, PID 556 is using 15000 Kb"));
   EXPECT_EQ(std::pair(15000, 4), std::pair(highestRss, highestFds));
+}
+
+// The real process file system: the cycle sees growth in statm (in pages)
+// and reads the status file only to log it.
+TEST(SysResMonOwnProcessTest, ResidentGrowthSeenInStatmIsLogged) {
+  LogCapture log;
+  SysResMon::ProcessFiles files;
+  files.Open(getpid());
+  int32_t highestRss = 0;
+  int32_t highestFds = 0;
+  SysResMon::CheckProcessResConsumption("self", files, 1024, highestRss, highestFds);
+  const std::vector<char> grown(8 << 20, 1);
+  SysResMon::CheckProcessResConsumption("self", files, 1024, highestRss, highestFds);
+  EXPECT_EQ(log.Count("MEM MAX: Process self, PID "), 2u) << log.Dump();
+  EXPECT_EQ(log.Count("FD MAX: Process self, PID "), 1u);
 }
 
 TEST_F(SysResMonTest, ZombieScanGoesOnPastAFullSpawnerTableOrphansAndVanishedProcesses) {
