@@ -58,17 +58,17 @@ std::unique_ptr<MonitoredProcess> CreateMonitoredProcess(
     QWD_LOG_ERROR(kComponent, "Can't allocate memory for monitored process '%s'\n", binaryName);
     return nullptr;
   }
-  process->MonitoredProcessCtor(std::move(channel), dirPath, binaryName, extraArgs, libPath,
-                                maxLastSeenMsec, setLdLibPath, checkLastSeen, socketName,
-                                connectTimeoutMsec);
+  // The library directory is checked, never applied; the socket's path is
+  // the channel's own.
+  process->MonitoredProcessCtor(std::move(channel), dirPath, binaryName, extraArgs, maxLastSeenMsec,
+                                setLdLibPath, checkLastSeen, connectTimeoutMsec);
   return process;
 }
 
 void MonitoredProcess::MonitoredProcessCtor(std::unique_ptr<IpcChannel> channel,
                                             const char* dirPath, const char* binaryName,
-                                            const char* const* extraArgs, const char* libPath,
-                                            int32_t maxLastSeenMsec, bool setLdLibPath,
-                                            bool checkLastSeen, const char* socketName,
+                                            const char* const* extraArgs, int32_t maxLastSeenMsec,
+                                            bool setLdLibPath, bool checkLastSeen,
                                             uint32_t connectTimeoutMsec) {
   ipcChannel_ = std::move(channel);
   maxLastSeenMsec_ = maxLastSeenMsec;
@@ -80,7 +80,6 @@ void MonitoredProcess::MonitoredProcessCtor(std::unique_ptr<IpcChannel> channel,
     SafeStrCopy(dirPath_, dirPath);
     std::snprintf(fullPath_.data(), fullPath_.size(), "%s/%s", dirPath_.data(), binaryName_.data());
   }
-  if (socketName != nullptr) SafeStrCopy(socketName_, socketName);
 
   size_t argc = 0;
   argv_[argc++] = fullPath_.data();
@@ -89,7 +88,6 @@ void MonitoredProcess::MonitoredProcessCtor(std::unique_ptr<IpcChannel> channel,
     argv_[argc++] = const_cast<char*>(extraArgs[i]);
   }
   argv_[argc] = nullptr;
-  SafeStrCopy(libPath_, libPath);
 
   if (ipcChannel_ &&
       ipcChannel_->RegisterHandler(CommandId(WatchdogCommand::STATUS_NOTIFY),

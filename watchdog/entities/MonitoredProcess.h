@@ -70,8 +70,7 @@ class MonitoredProcess final : public MonitoredEntity {
   // Takes the channel with its command handlers registered.
   void MonitoredProcessCtor(std::unique_ptr<IpcChannel> channel, const char* dirPath,
                             const char* binaryName, const char* const* extraArgs,
-                            const char* libPath, int32_t maxLastSeenMsec, bool setLdLibPath,
-                            bool checkLastSeen, const char* socketName,
+                            int32_t maxLastSeenMsec, bool setLdLibPath, bool checkLastSeen,
                             uint32_t connectTimeoutMsec);
   // The pid file's path into path; false when there is to be none.
   bool PidFilePath(char (&path)[512]) const;
@@ -98,7 +97,7 @@ class MonitoredProcess final : public MonitoredEntity {
 
   int32_t pid_ = -1;                             // the child's pid, -1 when not running
   int32_t launchedPid_ = -1;                     // the forked child, leader of its group; -1: none
-  std::unique_ptr<IpcChannel> ipcChannel_;       // server channel on socketName_, or null
+  std::unique_ptr<IpcChannel> ipcChannel_;       // server channel on its socket, or null
   int32_t maxLastSeenMsec_ = 0;                  // longest silence allowed between heartbeats
   int64_t lastSeenMsec_ = 0;                     // last heartbeat or launch, monotonic
   uint32_t connectTimeoutMsec_ = 0;              // how long Start waits for the connection
@@ -108,8 +107,6 @@ class MonitoredProcess final : public MonitoredEntity {
   std::array<char, 64> binaryName_{};            // binary file name; the entity's name
   std::array<char*, kMaxExtraArgs + 2> argv_{};  // fullPath_, the extra arguments, null
   std::array<char, 321> fullPath_{};             // dirPath_/binaryName_, or empty
-  std::array<char, 256> libPath_{};              // library directory, carried, never applied
-  std::array<char, 256> socketName_{};           // path of the channel's socket, or empty
   int32_t maxRssKb_ = 0;                         // peak resident size seen by CheckResources
   int32_t maxOpenFds_ = 0;                       // peak open descriptors seen by CheckResources
   SysResMon::ProcessFiles files_;                // /proc files of pid_, opened wherever pid_ is set

@@ -54,7 +54,7 @@ StatusCode MonitoredProcess::Start() {
     SetStatus(MonitoredEntityStatus::RUNNING);
     return StatusCode::SUCCESS;
   }
-  std::remove(socketName_.data());
+  if (ipcChannel_) std::remove(ipcChannel_->GetChannelId());
   if (!ipcChannel_ || ipcChannel_->ServerInit() != StatusCode::SUCCESS) {
     QWD_LOG_ERROR(kComponent, "Failed initialing WD-agent IPC server end. Exiting...\n");
     return StatusCode::FAILURE;
