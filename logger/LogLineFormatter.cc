@@ -43,7 +43,7 @@ class LineBuilder {
   // The message as FormatMessage cuts it, escaped. With room for the longest
   // cut message it is formatted in place: no message buffer on the stack,
   // which this path, the deepest of the watchdog's, would make deeper still.
-  void AppendMessage(const char* format, va_list args) {
+  __attribute__((format(printf, 2, 0))) void AppendMessage(const char* format, va_list args) {
     if (failed_ || capacity_ - used_ < kMessageSize) {
       AppendMessageAside(format, args);
       return;
@@ -65,7 +65,8 @@ class LineBuilder {
   size_t used_ = 0;      // bytes built so far
   bool failed_ = false;  // a piece did not fit
 
-  __attribute__((noinline)) void AppendMessageAside(const char* format, va_list args) {
+  __attribute__((noinline, format(printf, 2, 0))) void AppendMessageAside(const char* format,
+                                                                          va_list args) {
     char message[kMessageSize];
     FormatMessage(message, sizeof(message), format, args);
     EscapeMessage(message);
