@@ -12,13 +12,13 @@ namespace {
 constexpr uint32_t kComponent = LOGGER_COMPONENT_INFRA_IO;
 }  // namespace
 
-std::unique_ptr<FileWriter> CreateFileWriter(const char* path, int32_t bufferSize) {
+std::unique_ptr<FileWriter> CreateFileWriter(const char* path, int32_t /*bufferSize*/) {
   std::unique_ptr<FileWriter> writer(new (std::nothrow) FileWriter());
-  if (!writer || !writer->FileWriterCtor(path, bufferSize)) return nullptr;
+  if (!writer || !writer->FileWriterCtor(path)) return nullptr;
   return writer;
 }
 
-bool FileWriter::FileWriterCtor(const char* path, int32_t bufferSize) {
+bool FileWriter::FileWriterCtor(const char* path) {
   if (path == nullptr) return false;
   const size_t len = std::strlen(path);
   if (len >= kMaxPath - 1) {
@@ -26,7 +26,6 @@ bool FileWriter::FileWriterCtor(const char* path, int32_t bufferSize) {
     return false;
   }
   SafeStrCopy(path_, path);
-  bufferSize_ = bufferSize;
   return true;
 }
 

@@ -30,12 +30,13 @@ class FileWriter : public Writer {
 
  private:
   FileWriter() = default;
-  bool FileWriterCtor(const char* path, int32_t bufferSize);
+  bool FileWriterCtor(const char* path);
   bool OpenIfNeeded();
 
-  int32_t bufferSize_ = 0;             // creation value, read by nothing
   std::array<char, kMaxPath> path_{};  // the file, at most 254 characters
   int fd_ = -1;                        // the open file, or -1
 };
 
+// bufferSize is accepted for the callers' sake: every write goes straight to
+// the descriptor, so there is no buffer to size.
 std::unique_ptr<FileWriter> CreateFileWriter(const char* path, int32_t bufferSize);
